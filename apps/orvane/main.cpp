@@ -1,0 +1,3 @@
+#include "orvaner/Main.h"
+
+int main(int argc, char* argv[], char* envp[]) { return orvane::Main(argc, argv, envp); }

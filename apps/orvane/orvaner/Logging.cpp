@@ -1,0 +1,82 @@
+#include "orvaner/Logging.h"
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "HostCtl/HostCtlException.h"
+#include "ProductState/ProductState.h"
+#include "ZelkCtl/Sysinfo.h"
+#include "log/Dictionary.h"
+#include "log/Log.h"
+#include "log/Str.h"
+#include "orvaner/Exception.h"
+
+namespace orvane {
+namespace {
+
+struct DictionaryDeleter {
+  void operator()(Dictionary* dictionary) const { Dictionary_Free(dictionary); }
+};
+using DictionaryPointer = std::unique_ptr<Dictionary, DictionaryDeleter>;
+
+// Every level of the host library goes to standard error when a message is
+// at or below this one; 0 keeps standard error for the program's own use.
+constexpr int kStderrLevel = 0;
+constexpr std::uint32_t kAllLogGroups = 0xFFFFFFFF;
+
+void AddStandardOutputChannel(const char* identifier, Dictionary* settings) {
+  Dictionary_Clear(settings);
+  Dict_SetString(settings, "log.stdoutLevel", "info");
+  Dict_SetBool(settings, "log.useTimeStamps.stdio", true);
+  Dict_SetBool(settings, "log.useMilliseconds.stdio", true);
+  LogOutput* standardOutput = Log_NewStdioOutput(identifier, settings);
+  if (standardOutput == nullptr) {
+    throw Exception("Failed creating standard out logging interface.\n");
+  }
+  if (!Log_AddOutput(standardOutput)) {
+    throw Exception("Failed adding standard out logging interface.\n");
+  }
+}
+
+}  // namespace
+
+void InitLogging(const char* identifier) {
+  std::fflush(stdout);
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
+
+  DictionaryPointer settings(Dictionary_Create());
+  Dict_SetString(settings.get(), "log.syslogID", identifier);
+  Dict_SetString(settings.get(), "log.syslogLevel", "info");
+  Log_SetProductInfo(ProductState_GetName(), ProductState_GetVersion(),
+                     ProductState_GetBuildNumberString(), ProductState_GetCompilationOption());
+  if (!Log_InitWithSyslogInt(identifier, settings.get())) {
+    throw Exception("Failed to initialize logging to syslog.\n");
+  }
+  AddStandardOutputChannel(identifier, settings.get());
+  Log_SetStderrLevel(kStderrLevel, kAllLogGroups);
+}
+
+void LogAlert(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  char* message = Str_SafeVasprintf(nullptr, format, arguments);
+  va_end(arguments);
+  try {
+    ZelkCtl::Util::Sysinfo kernelLog(ZelkCtl::Util::Sysinfo::Node::KernelLog);
+    kernelLog.AddInput(message);
+    kernelLog.Set();
+  } catch (const HostCtl::Lib::HostCtlException& error) {
+    syslog(LOG_ERR, "Exception occurred while logging msg: %s", error.what());
+    syslog(LOG_ERR, "%s", message);
+  } catch (...) {
+    syslog(LOG_ERR, "Unexpected exception while logging msg");
+    syslog(LOG_ERR, "%s", message);
+  }
+  std::free(message);
+}
+
+}  // namespace orvane
