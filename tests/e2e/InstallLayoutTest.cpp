@@ -1,0 +1,52 @@
+// What `cmake --install --prefix /usr` lays out, checked on the staging tree
+// the end-to-end tests install into.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "Sandbox.h"
+#include "orvane/FixedPaths.h"
+
+namespace orvane::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path Staged(const fs::path& hostPath) { return Sandbox::DefaultStage() / hostPath.relative_path(); }
+
+TEST(InstallLayout, ProgramIsInstalledExecutableUnderThePrefix) {
+  fs::path program = Staged("/usr/bin/orvane");
+  ASSERT_TRUE(fs::is_regular_file(program)) << program;
+  EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
+}
+
+TEST(InstallLayout, HostDirectoriesAreCreatedEmpty) {
+  std::vector<fs::path> directories = {paths::kPluginDirectory, "/etc/talvek/orvane", "/var/run/talvek",
+                                       "/var/log", "/bootbank"};
+  for (const char* qorcliDirectory : paths::kQorcliDirectories) {
+    directories.emplace_back(qorcliDirectory);
+  }
+  for (const fs::path& directory : directories) {
+    fs::path staged = Staged(directory);
+    ASSERT_TRUE(fs::is_directory(staged)) << directory;
+    // Only the qorcli tree nests its own directories.
+    for (const fs::directory_entry& entry : fs::directory_iterator(staged)) {
+      EXPECT_TRUE(entry.is_directory() && directory.string().starts_with("/usr/lib/talvek/qorcli"))
+          << entry.path();
+    }
+  }
+}
+
+TEST(InstallLayout, TmpfilesEntryRecreatesTheRunDirectoryAtBoot) {
+  std::ifstream file(Staged("/usr/lib/tmpfiles.d/orvane.conf"));
+  ASSERT_TRUE(file) << "no tmpfiles.d entry";
+  std::stringstream content;
+  content << file.rdbuf();
+  EXPECT_NE(content.str().find("\nd /run/talvek 0755 root root -\n"), std::string::npos) << content.str();
+}
+
+}  // namespace
+}  // namespace orvane::testing
