@@ -38,18 +38,12 @@ bool HasSyslogRecord(const std::vector<SyslogRecord>& records, int severity, con
 TEST(CommandLineE2E, HelpPrintsTheUsageTextExactlyAndExitsZero) {
   ORVANE_REQUIRE_SANDBOX();
   Sandbox sandbox;
-  RunResult result = sandbox.Run({kOrvane, "--help"});
-  EXPECT_EQ(result.exitStatus, 0);
-  EXPECT_EQ(result.out, ExpectedFile("usage.txt"));
-  EXPECT_EQ(result.err, "");
-}
-
-TEST(CommandLineE2E, ShortHelpPrintsTheSameText) {
-  ORVANE_REQUIRE_SANDBOX();
-  Sandbox sandbox;
-  RunResult result = sandbox.Run({kOrvane, "-h"});
-  EXPECT_EQ(result.exitStatus, 0);
-  EXPECT_EQ(result.out, ExpectedFile("usage.txt"));
+  for (const char* help : {"--help", "-h"}) {
+    RunResult result = sandbox.Run({kOrvane, help});
+    EXPECT_EQ(result.exitStatus, 0) << help;
+    EXPECT_EQ(result.out, ExpectedFile("usage.txt")) << help;
+    EXPECT_EQ(result.err, "") << help;
+  }
 }
 
 TEST(CommandLineE2E, HelpAfterOtherOptionsRunsNothingAndExitsZero) {

@@ -209,35 +209,35 @@ TEST(CommandLine, ArgumentsThatAreNotOptionsAreIgnored) {
   EXPECT_TRUE(parsed.state.init);
 }
 
-TEST(CommandLine, UnknownOptionIsAUsageErrorWithGetoptsDiagnostic) {
+/// The outcome of a parse and what getopt_long printed on standard error.
+std::pair<ParseOutcome, std::string> ParseCapturingStderr(std::initializer_list<std::string> words) {
   ::testing::internal::CaptureStderr();
-  ParseOutcome outcome = Parse({"--bogus"}).outcome;
-  std::string diagnostic = ::testing::internal::GetCapturedStderr();
+  ParseOutcome outcome = Parse(words).outcome;
+  return {outcome, ::testing::internal::GetCapturedStderr()};
+}
+
+TEST(CommandLine, UnknownOptionIsAUsageErrorWithGetoptsDiagnostic) {
+  auto [outcome, diagnostic] = ParseCapturingStderr({"--bogus"});
   EXPECT_EQ(outcome, ParseOutcome::UsageError);
   EXPECT_THAT(diagnostic, HasSubstr("unrecognized option '--bogus'"));
 }
 
 TEST(CommandLine, UnknownShortOptionIsAUsageError) {
-  ::testing::internal::CaptureStderr();
-  ParseOutcome outcome = Parse({"-x"}).outcome;
-  std::string diagnostic = ::testing::internal::GetCapturedStderr();
+  auto [outcome, diagnostic] = ParseCapturingStderr({"-x"});
   EXPECT_EQ(outcome, ParseOutcome::UsageError);
   EXPECT_THAT(diagnostic, HasSubstr("invalid option -- 'x'"));
 }
 
 TEST(CommandLine, MissingRequiredArgumentIsAUsageError) {
-  ::testing::internal::CaptureStderr();
-  ParseOutcome outcome = Parse({"--method"}).outcome;
-  std::string diagnostic = ::testing::internal::GetCapturedStderr();
+  auto [outcome, diagnostic] = ParseCapturingStderr({"--method"});
   EXPECT_EQ(outcome, ParseOutcome::UsageError);
   EXPECT_THAT(diagnostic, HasSubstr("option '--method' requires an argument"));
 }
 
 TEST(CommandLine, ArgumentGivenToAFlagIsAUsageError) {
-  ::testing::internal::CaptureStderr();
-  ParseOutcome outcome = Parse({"--init=yes"}).outcome;
-  ::testing::internal::GetCapturedStderr();
+  auto [outcome, diagnostic] = ParseCapturingStderr({"--init=yes"});
   EXPECT_EQ(outcome, ParseOutcome::UsageError);
+  EXPECT_THAT(diagnostic, HasSubstr("option '--init' doesn't allow an argument"));
 }
 
 TEST(CommandLine, ParsingTwiceStartsAfresh) {
