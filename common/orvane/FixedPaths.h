@@ -30,7 +30,8 @@ inline constexpr const char* kQorcliDirectories[] = {
 
 // Services started or signalled in init mode.
 inline constexpr const char* kSyslogDaemon = "/usr/lib/talvek/zelsyslog/bin/zelsyslogd";
-inline constexpr const char* kSyslogUpgradeScript = "/usr/lib/talvek/zelsyslog/bin/upgrade-syslog.conf.sh";
+inline constexpr const char* kSyslogUpgradeScript =
+    "/usr/lib/talvek/zelsyslog/bin/upgrade-syslog.conf.sh";
 inline constexpr const char* kSyslogConf = "/etc/syslog.conf";
 inline constexpr const char* kSyslogDaemonPidFile = "/var/run/talvek/zelsyslogd.pid";
 inline constexpr const char* kEventDaemonScript = "/etc/init.d/wexd";

@@ -26,7 +26,8 @@ bool MatchesLog(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }
 
-bool HasSyslogRecord(const std::vector<SyslogRecord>& records, int severity, const std::string& message) {
+bool HasSyslogRecord(const std::vector<SyslogRecord>& records, int severity,
+                     const std::string& message) {
   for (const SyslogRecord& record : records) {
     if (record.ident == "orvane" && record.severity == severity && record.message == message) {
       return true;
@@ -49,7 +50,8 @@ TEST(CommandLineE2E, HelpPrintsTheUsageTextExactlyAndExitsZero) {
 TEST(CommandLineE2E, HelpAfterOtherOptionsRunsNothingAndExitsZero) {
   ORVANE_REQUIRE_SANDBOX();
   Sandbox sandbox;
-  RunResult result = sandbox.Run({kOrvane, "--init", "--parallel", "--daemon", "--method=restart", "--help"});
+  RunResult result =
+      sandbox.Run({kOrvane, "--init", "--parallel", "--daemon", "--method=restart", "--help"});
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.out, ExpectedFile("usage.txt"));
   EXPECT_EQ(result.err, "");
@@ -94,9 +96,11 @@ TEST(CommandLineE2E, DaemonWithRestartIsAnInvalidCombination) {
   Sandbox sandbox;
   RunResult result = sandbox.Run({kOrvane, "--daemon", "--method=restart"});
   EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_TRUE(MatchesLog(result.out, StdoutLogLine("Invalid combination of options passed\\. Exiting")))
+  EXPECT_TRUE(
+      MatchesLog(result.out, StdoutLogLine("Invalid combination of options passed\\. Exiting")))
       << result.out;
-  EXPECT_TRUE(HasSyslogRecord(sandbox.Syslog(), LOG_ERR, "Invalid combination of options passed. Exiting"));
+  EXPECT_TRUE(
+      HasSyslogRecord(sandbox.Syslog(), LOG_ERR, "Invalid combination of options passed. Exiting"));
 }
 
 TEST(CommandLineE2E, DaemonWithInitIsAnInvalidCombination) {
@@ -104,7 +108,8 @@ TEST(CommandLineE2E, DaemonWithInitIsAnInvalidCombination) {
   Sandbox sandbox;
   RunResult result = sandbox.Run({kOrvane, "--daemon", "--init", "--method=start"});
   EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_TRUE(MatchesLog(result.out, StdoutLogLine("Invalid combination of options passed\\. Exiting")))
+  EXPECT_TRUE(
+      MatchesLog(result.out, StdoutLogLine("Invalid combination of options passed\\. Exiting")))
       << result.out;
 }
 
@@ -117,7 +122,8 @@ TEST(CommandLineE2E, InvokeWithoutPluginsLogsTheReasonThenPrintsTheUsage) {
   const std::string usage = ExpectedFile("usage.txt");
   ASSERT_GT(result.out.size(), usage.size());
   EXPECT_EQ(result.out.substr(result.out.size() - usage.size()), usage);
-  EXPECT_TRUE(MatchesLog(result.out.substr(0, result.out.size() - usage.size()), StdoutLogLine(reasonLine)))
+  EXPECT_TRUE(
+      MatchesLog(result.out.substr(0, result.out.size() - usage.size()), StdoutLogLine(reasonLine)))
       << result.out;
   EXPECT_TRUE(HasSyslogRecord(sandbox.Syslog(), LOG_ERR, reasonLine));
 }
@@ -149,8 +155,9 @@ TEST(CommandLineE2E, LoggingThatCannotBeSetUpEndsTheRunWithOne) {
   EXPECT_EQ(result.exitStatus, 1);
   // Syslog was set up before the standard-output channel failed, so the
   // reason reaches it.
-  EXPECT_TRUE(HasSyslogRecord(sandbox.Syslog(), LOG_WARNING,
-                              "Failed to initialize orvane: Failed creating standard out logging interface.\n"));
+  EXPECT_TRUE(HasSyslogRecord(
+      sandbox.Syslog(), LOG_WARNING,
+      "Failed to initialize orvane: Failed creating standard out logging interface.\n"));
 }
 
 }  // namespace

@@ -15,7 +15,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path Staged(const fs::path& hostPath) { return Sandbox::DefaultStage() / hostPath.relative_path(); }
+fs::path Staged(const fs::path& hostPath) {
+  return Sandbox::DefaultStage() / hostPath.relative_path();
+}
 
 TEST(InstallLayout, ProgramIsInstalledExecutableUnderThePrefix) {
   fs::path program = Staged("/usr/bin/orvane");
@@ -24,8 +26,8 @@ TEST(InstallLayout, ProgramIsInstalledExecutableUnderThePrefix) {
 }
 
 TEST(InstallLayout, HostDirectoriesAreCreatedEmpty) {
-  std::vector<fs::path> directories = {paths::kPluginDirectory, "/etc/talvek/orvane", "/var/run/talvek",
-                                       "/var/log", "/bootbank"};
+  std::vector<fs::path> directories = {paths::kPluginDirectory, "/etc/talvek/orvane",
+                                       "/var/run/talvek", "/var/log", "/bootbank"};
   for (const char* qorcliDirectory : paths::kQorcliDirectories) {
     directories.emplace_back(qorcliDirectory);
   }
@@ -45,7 +47,8 @@ TEST(InstallLayout, TmpfilesEntryRecreatesTheRunDirectoryAtBoot) {
   ASSERT_TRUE(file) << "no tmpfiles.d entry";
   std::stringstream content;
   content << file.rdbuf();
-  EXPECT_NE(content.str().find("\nd /run/talvek 0755 root root -\n"), std::string::npos) << content.str();
+  EXPECT_NE(content.str().find("\nd /run/talvek 0755 root root -\n"), std::string::npos)
+      << content.str();
 }
 
 }  // namespace

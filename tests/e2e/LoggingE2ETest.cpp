@@ -51,7 +51,8 @@ class LoggingE2E : public ::testing::Test {
 TEST_F(LoggingE2E, MessageReachesStandardOutputAndSyslogWithIdentOrvane) {
   RunResult result = Probe({"log", "5", "Launching Executor"});
   EXPECT_TRUE(std::regex_match(
-      result.out, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z orvane: Launching Executor\n)")))
+      result.out,
+      std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z orvane: Launching Executor\n)")))
       << result.out;
   std::vector<SyslogRecord> records = sandbox_->Syslog();
   ASSERT_EQ(records.size(), 1u);
@@ -84,20 +85,24 @@ TEST_F(LoggingE2E, AlertGoesToTheKernelLog) {
 TEST_F(LoggingE2E, AlertFallsBackToSyslogWhenTheKernelLogIsMissing) {
   sandbox_->Remove("/dev/kmsg");
   Probe({"alert", "Activating Orvane plugin foo."});
-  EXPECT_THAT(OrvaneSyslog(),
-              ElementsAre(std::pair{LOG_ERR, std::string("Exception occurred while logging msg: unable to open "
-                                                         "/dev/kmsg: No such file or directory")},
-                          std::pair{LOG_ERR, std::string("Activating Orvane plugin foo.")}));
+  EXPECT_THAT(
+      OrvaneSyslog(),
+      ElementsAre(
+          std::pair{LOG_ERR, std::string("Exception occurred while logging msg: unable to open "
+                                         "/dev/kmsg: No such file or directory")},
+          std::pair{LOG_ERR, std::string("Activating Orvane plugin foo.")}));
 }
 
 TEST_F(LoggingE2E, AlertFallsBackToSyslogWhenTheKernelLogCannotBeWritten) {
   sandbox_->Remove("/dev/kmsg");
   sandbox_->MakeDirectory("/dev/kmsg");
   Probe({"alert", "Orvane plugin bar activated."});
-  EXPECT_THAT(OrvaneSyslog(),
-              ElementsAre(std::pair{LOG_ERR, std::string("Exception occurred while logging msg: unable to open "
-                                                         "/dev/kmsg: Is a directory")},
-                          std::pair{LOG_ERR, std::string("Orvane plugin bar activated.")}));
+  EXPECT_THAT(
+      OrvaneSyslog(),
+      ElementsAre(
+          std::pair{LOG_ERR, std::string("Exception occurred while logging msg: unable to open "
+                                         "/dev/kmsg: Is a directory")},
+          std::pair{LOG_ERR, std::string("Orvane plugin bar activated.")}));
 }
 
 TEST_F(LoggingE2E, AlertKeepsPercentSignsOfTheMessage) {
@@ -108,16 +113,19 @@ TEST_F(LoggingE2E, AlertKeepsPercentSignsOfTheMessage) {
 TEST_F(LoggingE2E, SystemAlertReachesTheKernelLogAndSyslogAtAlertPriority) {
   Probe({"system-alert", "Plugin foo is broken"});
   EXPECT_EQ(sandbox_->Kmsg(), "<1>orvane: Plugin foo is broken\n");
-  EXPECT_THAT(OrvaneSyslog(), ElementsAre(std::pair{LOG_ALERT, std::string("Plugin foo is broken")}));
+  EXPECT_THAT(OrvaneSyslog(),
+              ElementsAre(std::pair{LOG_ALERT, std::string("Plugin foo is broken")}));
 }
 
 TEST_F(LoggingE2E, SystemAlertWithoutAKernelLogStillReachesSyslog) {
   sandbox_->Remove("/dev/kmsg");
   Probe({"system-alert", "Plugin foo is broken"});
-  EXPECT_THAT(OrvaneSyslog(),
-              ElementsAre(std::pair{LOG_ALERT, std::string("Plugin foo is broken")},
-                          std::pair{LOG_ERR, std::string("unable to raise system alert in the kernel log: "
-                                                         "unable to open /dev/kmsg: No such file or directory")}));
+  EXPECT_THAT(
+      OrvaneSyslog(),
+      ElementsAre(
+          std::pair{LOG_ALERT, std::string("Plugin foo is broken")},
+          std::pair{LOG_ERR, std::string("unable to raise system alert in the kernel log: "
+                                         "unable to open /dev/kmsg: No such file or directory")}));
 }
 
 }  // namespace

@@ -2,12 +2,11 @@
 
 #include <getopt.h>
 
+#include <boost/lexical_cast.hpp>
+#include <boost/tokenizer.hpp>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
-
-#include <boost/lexical_cast.hpp>
-#include <boost/tokenizer.hpp>
 
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
@@ -177,7 +176,9 @@ void ApplyOption(int code, const char* argument, RunOptions& options, RunState& 
         state.dumpPath = argument;
       }
       break;
-    case kInteractiveModeRequires: AppendCommaList(options.interactiveModeRequires, argument); break;
+    case kInteractiveModeRequires:
+      AppendCommaList(options.interactiveModeRequires, argument);
+      break;
     case kDaemon:
       state.daemon = true;
       if (argument != nullptr) {

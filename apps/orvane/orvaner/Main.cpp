@@ -42,8 +42,7 @@ bool StartLogging() {
 // Logs why a combination of options is rejected; true when it is accepted.
 bool AcceptCombination(const RunOptions& options, const RunState& state) {
   switch (CheckCombination(options, state)) {
-    case Combination::Valid:
-      return true;
+    case Combination::Valid: return true;
     case Combination::InvalidDaemonCombination:
       Log_Level(LOG_LEVEL_ERROR, "Invalid combination of options passed. Exiting\n");
       return false;
@@ -67,14 +66,9 @@ int Main(int argc, char* argv[], char* envp[]) {
   }
 
   switch (ParseCommandLine(argc, argv, options, state)) {
-    case ParseOutcome::Help:
-      PrintUsage();
-      return kExitSuccess;
-    case ParseOutcome::UsageError:
-      PrintUsageHint(argv[0]);
-      return kExitFailure;
-    case ParseOutcome::Run:
-      break;
+    case ParseOutcome::Help: PrintUsage(); return kExitSuccess;
+    case ParseOutcome::UsageError: PrintUsageHint(argv[0]); return kExitFailure;
+    case ParseOutcome::Run: break;
   }
   if (!AcceptCombination(options, state)) {
     return kExitFailure;

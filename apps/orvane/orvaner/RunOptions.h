@@ -12,12 +12,12 @@ namespace orvane {
 /// exists; afterwards it is only read.
 struct RunOptions {
   bool verbose = false;
-  bool parallel = false;     ///< cleared by --interactive and by the stateless check
+  bool parallel = false;  ///< cleared by --interactive and by the stateless check
   bool randomize = false;
   bool interactive = false;  ///< cleared by --parallel
   bool trace = false;
   std::uint32_t threadCount = 1;
-  std::int64_t randomSeed;   ///< the creation time in seconds unless --randomize=seed
+  std::int64_t randomSeed;      ///< the creation time in seconds unless --randomize=seed
   std::string pluginDirectory;  ///< absolute; filled just before loading
   std::vector<std::string> disabledPlugins;
   std::vector<std::string> interactiveModeRequires;

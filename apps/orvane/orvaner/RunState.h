@@ -18,9 +18,9 @@ struct RunState {
   bool init = false;
   bool daemon = false;
   bool dump = false;
-  std::optional<std::string> dumpPath;  ///< only from --dump-dependency-tree=path
+  std::optional<std::string> dumpPath;                    ///< only from --dump-dependency-tree=path
   std::string pluginDirectory = paths::kPluginDirectory;  ///< as given
-  std::vector<std::string> pluginList;  ///< --plugin, in order, repeats kept
+  std::vector<std::string> pluginList;                    ///< --plugin, in order, repeats kept
   std::set<std::string> pluginFlags;
   std::set<std::string> runOnce;
   timeval startTime{};

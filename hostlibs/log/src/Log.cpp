@@ -1,6 +1,10 @@
 #include "log/Log.h"
 
 #include <fcntl.h>
+#include <spdlog/details/log_msg.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/syslog_sink.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,11 +16,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <spdlog/details/log_msg.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/stdout_sinks.h>
-#include <spdlog/sinks/syslog_sink.h>
 
 #include "log/Dictionary.h"
 #include "log/Str.h"
@@ -131,7 +130,8 @@ void WriteFormatted(int level, const char* format, va_list arguments) {
 
 bool Log_InitWithSyslogInt(const char* ident, const Dictionary* settings) {
   std::string syslogIdent = Dict_GetString(settings, "log.syslogID", ident != nullptr ? ident : "");
-  std::optional<int> threshold = ThresholdFromName(Dict_GetString(settings, "log.syslogLevel", "info"));
+  std::optional<int> threshold =
+      ThresholdFromName(Dict_GetString(settings, "log.syslogLevel", "info"));
   LogState& state = State();
   std::lock_guard lock(state.mutex);
   if (syslogIdent.empty() || !threshold || state.syslogOpen) {
@@ -139,8 +139,8 @@ bool Log_InitWithSyslogInt(const char* ident, const Dictionary* settings) {
   }
   // The sink keeps its own copy of the ident, which openlog needs for as
   // long as syslog stays open.
-  auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(syslogIdent, LOG_PID, kSyslogFacility,
-                                                               false);
+  auto sink =
+      std::make_shared<spdlog::sinks::syslog_sink_mt>(syslogIdent, LOG_PID, kSyslogFacility, false);
   state.ident = syslogIdent;
   state.outputs.push_back(std::make_unique<LogOutput>(LogOutput{std::move(sink), *threshold}));
   state.syslogOpen = true;
@@ -148,7 +148,8 @@ bool Log_InitWithSyslogInt(const char* ident, const Dictionary* settings) {
 }
 
 LogOutput* Log_NewStdioOutput(const char* /*ident*/, const Dictionary* settings) {
-  std::optional<int> threshold = ThresholdFromName(Dict_GetString(settings, "log.stdoutLevel", "info"));
+  std::optional<int> threshold =
+      ThresholdFromName(Dict_GetString(settings, "log.stdoutLevel", "info"));
   if (!threshold || !IsOpenDescriptor(STDOUT_FILENO)) {
     return nullptr;
   }
@@ -185,8 +186,8 @@ void Log_SetProductInfo(const char* name, const char* version, const char* build
                         const char* compilationOption) {
   LogState& state = State();
   std::lock_guard lock(state.mutex);
-  state.productInfo = std::string(name) + " " + version + " " + buildNumber + " (" +
-                      compilationOption + ")";
+  state.productInfo =
+      std::string(name) + " " + version + " " + buildNumber + " (" + compilationOption + ")";
 }
 
 const char* Log_GetProductInfo() {

@@ -58,7 +58,8 @@ std::runtime_error SystemError(const std::string& what, int error = errno) {
 std::string DescribeWaitStatus(int status) {
   if (WIFEXITED(status)) return "exit code " + std::to_string(WEXITSTATUS(status));
   if (WIFSIGNALED(status)) {
-    return "killed by signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
+    return "killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
+           strsignal(WTERMSIG(status)) + ")";
   }
   return "wait status " + std::to_string(status);
 }
@@ -99,7 +100,8 @@ UniqueFd AboveStandardStreams(int fd, const std::string& what) {
 }
 
 UniqueFd OpenForChild(const fs::path& path, int flags) {
-  return AboveStandardStreams(::open(path.c_str(), flags | O_CLOEXEC, 0600), "opening " + path.string());
+  return AboveStandardStreams(::open(path.c_str(), flags | O_CLOEXEC, 0600),
+                              "opening " + path.string());
 }
 
 std::string ReadHostFile(const fs::path& path) {
@@ -147,7 +149,8 @@ std::string EnterPrivateMountNamespace() {
   if (::unshare(CLONE_NEWNS) != 0) {
     const int error = errno;
     std::string reason = "unshare(CLONE_NEWNS) failed: " + ErrorText(error);
-    if (error == EINVAL) reason += " (the process must still be single-threaded when the first sandbox is built)";
+    if (error == EINVAL)
+      reason += " (the process must still be single-threaded when the first sandbox is built)";
     return reason;
   }
   // Without this, mounts made here could propagate back to the real machine.
@@ -159,7 +162,8 @@ std::string EnterPrivateMountNamespace() {
 
 std::string ProbeMounts() {
   char pattern[] = "/tmp/orvane-probe-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return "cannot create a directory in /tmp: " + ErrorText(errno);
+  if (::mkdtemp(pattern) == nullptr)
+    return "cannot create a directory in /tmp: " + ErrorText(errno);
   const fs::path base = pattern;
   std::string reason;
   if (::mount("tmpfs", base.c_str(), "tmpfs", 0, "mode=0700") != 0) {
@@ -201,7 +205,8 @@ void CopyDirectory(const fs::path& from, const fs::path& to) {
 
 void ReplaceWithSymlink(const fs::path& from, const fs::path& to) {
   const auto existing = fs::symlink_status(to);
-  if (fs::is_directory(existing)) throw std::runtime_error("cannot replace the directory " + to.string() + " by a symlink");
+  if (fs::is_directory(existing))
+    throw std::runtime_error("cannot replace the directory " + to.string() + " by a symlink");
   if (fs::exists(existing)) fs::remove(to);
   fs::copy_symlink(from, to);
 }
@@ -248,7 +253,8 @@ void RunInChild(const std::string& what, const std::function<void()>& work) {
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw std::runtime_error(what + " failed: " + (failure.empty() ? DescribeWaitStatus(status) : failure));
+    throw std::runtime_error(
+        what + " failed: " + (failure.empty() ? DescribeWaitStatus(status) : failure));
   }
 }
 
@@ -309,7 +315,8 @@ std::vector<char*> NullTerminated(std::vector<std::string>& strings) {
 
 /// Everything the children of a run need, prepared before fork.
 struct Launch {
-  Launch(std::vector<std::string> arguments, const RunSettings& settings, const fs::path& base, const fs::path& sandboxRoot)
+  Launch(std::vector<std::string> arguments, const RunSettings& settings, const fs::path& base,
+         const fs::path& sandboxRoot)
       : argumentStorage(std::move(arguments)),
         environmentStorage(settings.environment),
         argv(NullTerminated(argumentStorage)),
@@ -327,7 +334,8 @@ struct Launch {
     MustSucceed(::pipe2(pipeFds, O_CLOEXEC), "creating the report pipe");
     reportRead = AboveStandardStreams(pipeFds[0], "moving the report pipe");
     reportWrite = AboveStandardStreams(pipeFds[1], "moving the report pipe");
-    MustSucceed(::fcntl(reportRead.Get(), F_SETFL, O_NONBLOCK), "making the report pipe non-blocking");
+    MustSucceed(::fcntl(reportRead.Get(), F_SETFL, O_NONBLOCK),
+                "making the report pipe non-blocking");
   }
   Launch(const Launch&) = delete;
   Launch& operator=(const Launch&) = delete;
@@ -359,7 +367,8 @@ void ResetSignals() {
   for (int signal = 1; signal < NSIG; ++signal) {
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
-    ::sigaction(signal, &action, nullptr);  // fails harmlessly for SIGKILL, SIGSTOP and reserved ones
+    ::sigaction(signal, &action,
+                nullptr);  // fails harmlessly for SIGKILL, SIGSTOP and reserved ones
   }
   sigset_t none;
   sigemptyset(&none);
@@ -387,7 +396,8 @@ void ResetSignals() {
 [[noreturn]] void RunInit(const Launch& launch) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::chroot(launch.root.c_str()) != 0 || ::chdir("/") != 0) Fail(launch, Step::kChroot);
-  if (::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) Fail(launch, Step::kMountProc);
+  if (::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0)
+    Fail(launch, Step::kMountProc);
   const pid_t program = ::fork();
   if (program < 0) Fail(launch, Step::kForkProgram);
   if (program == 0) RunProgram(launch);
@@ -415,13 +425,15 @@ void ResetSignals() {
 
 [[noreturn]] void RunIntermediate(const Launch& launch) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != launch.parent) ::_exit(kHelperFailed);  // the test process died before the line above
+  if (::getppid() != launch.parent)
+    ::_exit(kHelperFailed);  // the test process died before the line above
   // The waits below need SIGCHLD at its default even if the test process
   // ignores it. Other dispositions are kept on purpose: a front end that
   // ignores the terminal's interrupt keys keeps these helpers alive while
   // the program (which gets default dispositions) receives them.
   ::signal(SIGCHLD, SIG_DFL);
-  if (::unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0) Fail(launch, Step::kUnshare);
+  if (::unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0)
+    Fail(launch, Step::kUnshare);
   const pid_t init = ::fork();
   if (init < 0) Fail(launch, Step::kForkInit);
   if (init == 0) RunInit(launch);
@@ -451,16 +463,19 @@ struct Outcome {
 
 void CollectReports(int fd, std::vector<Report>& reports) {
   Report report{};
-  while (::read(fd, &report, sizeof(report)) == static_cast<ssize_t>(sizeof(report))) reports.push_back(report);
+  while (::read(fd, &report, sizeof(report)) == static_cast<ssize_t>(sizeof(report)))
+    reports.push_back(report);
 }
 
 // Whether `fd` became readable within `timeout`.
 bool WaitReadable(int fd, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
     pollfd watched{fd, POLLIN, 0};
-    const auto milliseconds = std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max());
+    const auto milliseconds =
+        std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max());
     const int ready = ::poll(&watched, 1, static_cast<int>(milliseconds));
     if (ready > 0) return true;
     if (ready == 0) return false;
@@ -499,8 +514,8 @@ Outcome AwaitRun(pid_t child, const Launch& launch, std::chrono::seconds timeout
 RunResult ResultOf(const Outcome& outcome, const std::string& program) {
   for (const auto& report : outcome.reports) {
     if (IsFailure(report.step)) {
-      throw std::runtime_error("cannot run " + program + " in the sandbox: " + Describe(report.step) + ": " +
-                               ErrorText(report.value));
+      throw std::runtime_error("cannot run " + program + " in the sandbox: " +
+                               Describe(report.step) + ": " + ErrorText(report.value));
     }
   }
   RunResult result;
@@ -512,8 +527,9 @@ RunResult ResultOf(const Outcome& outcome, const std::string& program) {
     result.timedOut = true;
     result.termSignal = SIGKILL;
   } else {
-    throw std::runtime_error("the sandbox's init ended without reporting on " + program + " (its parent: " +
-                             DescribeWaitStatus(outcome.intermediateStatus) + ")");
+    throw std::runtime_error("the sandbox's init ended without reporting on " + program +
+                             " (its parent: " + DescribeWaitStatus(outcome.intermediateStatus) +
+                             ")");
   }
   return result;
 }
@@ -545,7 +561,8 @@ std::string Sandbox::Unavailable() {
 fs::path Sandbox::DefaultStage() { return ORVANE_DEFAULT_STAGE_DIR; }
 
 Sandbox::Sandbox(fs::path stage) : stage_(std::move(stage)) {
-  if (auto reason = Unavailable(); !reason.empty()) throw std::runtime_error("cannot build a sandbox: " + reason);
+  if (auto reason = Unavailable(); !reason.empty())
+    throw std::runtime_error("cannot build a sandbox: " + reason);
   if (!stage_.empty() && !fs::is_directory(stage_)) {
     throw std::runtime_error("the stage directory " + stage_.string() +
                              " does not exist; the install-stage test installs the build there");
@@ -587,10 +604,12 @@ void Sandbox::InstallStage() {
   fs::create_directory(mountPoint);
   RunInChild("installing " + stage_.string() + " into the sandbox", [&] {
     MustSucceed(::unshare(CLONE_NEWNS), "unshare");
-    MustSucceed(::mount(stage_.c_str(), mountPoint.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "bind-mounting the stage");
+    MustSucceed(::mount(stage_.c_str(), mountPoint.c_str(), nullptr, MS_BIND | MS_REC, nullptr),
+                "bind-mounting the stage");
     // Read-only, so that the copy can never change the stage itself.
-    MustSucceed(::mount(nullptr, mountPoint.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
-                "making the stage read-only");
+    MustSucceed(
+        ::mount(nullptr, mountPoint.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
+        "making the stage read-only");
     MustSucceed(::chroot(merged_.c_str()), "chroot");
     MustSucceed(::chdir("/"), "chdir");
     CopyTree(fs::path("/") / kStageMountPoint, "/");
@@ -617,9 +636,10 @@ void Sandbox::MakeDevices() {
   WriteHostFile(dev / "console", "", 0644);
 }
 
-void Sandbox::MountHere(const std::string& source, const fs::path& target, const char* type, unsigned long flags,
-                        const std::string& options) {
-  if (::mount(source.c_str(), target.c_str(), type, flags, options.empty() ? nullptr : options.c_str()) != 0) {
+void Sandbox::MountHere(const std::string& source, const fs::path& target, const char* type,
+                        unsigned long flags, const std::string& options) {
+  if (::mount(source.c_str(), target.c_str(), type, flags,
+              options.empty() ? nullptr : options.c_str()) != 0) {
     throw SystemError("mounting " + source + " on " + target.string());
   }
   mounts_.push_back(target);
@@ -631,7 +651,8 @@ void Sandbox::TearDown() noexcept {
   syslog_.reset();
   for (auto mount = mounts_.rbegin(); mount != mounts_.rend(); ++mount) {
     if (::umount2(mount->c_str(), MNT_DETACH) != 0) {
-      std::cerr << "sandbox: cannot unmount " << mount->string() << ": " << ErrorText(errno) << '\n';
+      std::cerr << "sandbox: cannot unmount " << mount->string() << ": " << ErrorText(errno)
+                << '\n';
     }
   }
   mounts_.clear();
@@ -657,7 +678,8 @@ fs::path Sandbox::Resolve(const fs::path& inSandbox, bool followLast) const {
     std::error_code missing;
     const bool follow = followLast || !pending.empty();
     if (follow && fs::is_symlink(fs::symlink_status(candidate, missing))) {
-      if (++hops > kMaxSymlinkHops) throw std::runtime_error("too many symlinks in " + inSandbox.string());
+      if (++hops > kMaxSymlinkHops)
+        throw std::runtime_error("too many symlinks in " + inSandbox.string());
       const fs::path target = fs::read_symlink(candidate);
       if (target.is_absolute()) resolved.clear();
       const auto names = Components(target);
@@ -681,7 +703,9 @@ void Sandbox::CopyIn(const fs::path& hostFile, const fs::path& inSandbox, mode_t
   WriteFile(inSandbox, ReadHostFile(hostFile), mode);
 }
 
-void Sandbox::MakeDirectory(const fs::path& inSandbox) { fs::create_directories(HostPath(inSandbox)); }
+void Sandbox::MakeDirectory(const fs::path& inSandbox) {
+  fs::create_directories(HostPath(inSandbox));
+}
 
 // The last component is not followed: removing a symlink removes the link.
 void Sandbox::Remove(const fs::path& inSandbox) {
@@ -694,8 +718,10 @@ bool Sandbox::Exists(const fs::path& inSandbox) const { return fs::exists(HostPa
 
 std::string Sandbox::ReadFile(const fs::path& inSandbox) const {
   const fs::path path = HostPath(inSandbox);
-  if (!fs::exists(path)) throw std::runtime_error("there is no " + inSandbox.string() + " in the sandbox");
-  if (fs::is_directory(path)) throw std::runtime_error(inSandbox.string() + " is a directory in the sandbox");
+  if (!fs::exists(path))
+    throw std::runtime_error("there is no " + inSandbox.string() + " in the sandbox");
+  if (fs::is_directory(path))
+    throw std::runtime_error(inSandbox.string() + " is a directory in the sandbox");
   return ReadHostFile(path);
 }
 

@@ -30,7 +30,8 @@ struct RunResult {
 struct RunSettings {
   std::string stdinText;  ///< the program's whole standard input
   /// The program's entire environment; nothing of the test process leaks in.
-  std::vector<std::string> environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LANG=C"};
+  std::vector<std::string> environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root",
+                                          "LANG=C"};
   std::chrono::seconds timeout{60};
   bool closeStdout = false;  ///< start the program with file descriptor 1 closed
 };
@@ -66,10 +67,12 @@ class Sandbox {
 
   /// Writes `content` to a file of the sandbox with exactly `mode`,
   /// creating missing parent directories.
-  void WriteFile(const std::filesystem::path& inSandbox, std::string_view content, mode_t mode = 0644);
+  void WriteFile(const std::filesystem::path& inSandbox, std::string_view content,
+                 mode_t mode = 0644);
   /// Copies a file of the host into the sandbox with exactly `mode`,
   /// creating missing parent directories.
-  void CopyIn(const std::filesystem::path& hostFile, const std::filesystem::path& inSandbox, mode_t mode = 0755);
+  void CopyIn(const std::filesystem::path& hostFile, const std::filesystem::path& inSandbox,
+              mode_t mode = 0755);
   /// Creates a directory of the sandbox and its missing parents.
   void MakeDirectory(const std::filesystem::path& inSandbox);
   /// Removes a file, symlink or whole directory tree of the sandbox.
@@ -104,13 +107,13 @@ class Sandbox {
   void InstallStage();
   void MakeDevices();
   void TearDown() noexcept;
-  void MountHere(const std::string& source, const std::filesystem::path& target, const char* type, unsigned long flags,
-                 const std::string& options = {});
+  void MountHere(const std::string& source, const std::filesystem::path& target, const char* type,
+                 unsigned long flags, const std::string& options = {});
   std::filesystem::path Resolve(const std::filesystem::path& inSandbox, bool followLast) const;
 
   std::filesystem::path stage_;
-  std::filesystem::path base_;    // the tmpfs holding everything below
-  std::filesystem::path merged_;  // the sandbox's "/"
+  std::filesystem::path base_;                 // the tmpfs holding everything below
+  std::filesystem::path merged_;               // the sandbox's "/"
   std::vector<std::filesystem::path> mounts_;  // in mounting order; unmounted in reverse
   std::unique_ptr<SyslogListener> syslog_;
 };

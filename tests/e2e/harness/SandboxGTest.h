@@ -8,9 +8,9 @@
 
 /// Skips the current test, with the reason, when this process cannot build
 /// sandboxes (for instance when the tests do not run as root).
-#define ORVANE_REQUIRE_SANDBOX()                                                        \
-  do {                                                                                  \
-    if (auto reason = ::orvane::testing::Sandbox::Unavailable(); !reason.empty()) {     \
-      GTEST_SKIP() << reason;                                                           \
-    }                                                                                   \
+#define ORVANE_REQUIRE_SANDBOX()                                                    \
+  do {                                                                              \
+    if (auto reason = ::orvane::testing::Sandbox::Unavailable(); !reason.empty()) { \
+      GTEST_SKIP() << reason;                                                       \
+    }                                                                               \
   } while (0)

@@ -76,12 +76,14 @@ class StagedSandbox : public ::testing::Test {
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     stage_ = pattern;
     WriteHostFile(stage_ / "usr/local/bin/hello-script", "#!/bin/sh\necho hello from the stage\n",
-                  fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read |
-                      fs::perms::others_exec);
+                  fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                      fs::perms::others_read | fs::perms::others_exec);
     WriteHostFile(stage_ / "var/run/orvane-selftest/f", "through the symlink\n",
-                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
+                      fs::perms::others_read);
     WriteHostFile(stage_ / "etc/issue", "staged issue\n",
-                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
+                      fs::perms::others_read);
     fs::create_directories(stage_ / "usr/local/lib");
     fs::create_symlink("orvane-selftest.so.1", stage_ / "usr/local/lib/orvane-selftest.so");
     sandbox_.emplace(stage_);
@@ -129,17 +131,20 @@ TEST_F(SandboxFiles, StageFilesArrive) {
 TEST_F(SandboxFiles, StageReplacesHostFilesAndCopiesSymlinks) {
   ASSERT_TRUE(fs::exists("/etc/issue"));
   const std::string hostIssue = ReadHostFile("/etc/issue");
-  const auto result = Shell(sandbox(), "cat /etc/issue; readlink /usr/local/lib/orvane-selftest.so");
+  const auto result =
+      Shell(sandbox(), "cat /etc/issue; readlink /usr/local/lib/orvane-selftest.so");
   EXPECT_EQ(result.out, "staged issue\norvane-selftest.so.1\n") << result.err;
   EXPECT_EQ(ReadHostFile("/etc/issue"), hostIssue);
 }
 
 TEST_F(SandboxFiles, StageFilesFollowTheHostsDirectorySymlinks) {
-  ASSERT_TRUE(fs::is_symlink("/var/run")) << "this test expects /var/run to be a symlink, as on Debian";
+  ASSERT_TRUE(fs::is_symlink("/var/run"))
+      << "this test expects /var/run to be a symlink, as on Debian";
   const auto result = sandbox().Run({"/bin/cat", "/run/orvane-selftest/f"});
   EXPECT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(result.out, "through the symlink\n");
-  EXPECT_TRUE(fs::is_symlink(sandbox().HostPath("/var") / "run")) << "the stage replaced the /var/run symlink";
+  EXPECT_TRUE(fs::is_symlink(sandbox().HostPath("/var") / "run"))
+      << "the stage replaced the /var/run symlink";
   EXPECT_EQ(sandbox().ReadFile("/var/run/orvane-selftest/f"), "through the symlink\n");
   EXPECT_FALSE(fs::exists("/run/orvane-selftest"));
 }
@@ -149,7 +154,8 @@ TEST_F(SandboxFiles, WriteFileResolvesSymlinksInsideTheSandbox) {
   EXPECT_FALSE(fs::exists("/run/orvane-selftest-written"));
   EXPECT_EQ(sandbox().HostPath("/var/run/orvane-selftest-written/x"),
             sandbox().HostPath("/") / "run/orvane-selftest-written/x");
-  const auto result = Shell(sandbox(), "stat -c %a /run/orvane-selftest-written/x; cat /run/orvane-selftest-written/x");
+  const auto result = Shell(
+      sandbox(), "stat -c %a /run/orvane-selftest-written/x; cat /run/orvane-selftest-written/x");
   EXPECT_EQ(result.out, "600\nvalue");
 }
 
@@ -168,7 +174,9 @@ TEST_F(SandboxFiles, FileHelpers) {
 
 TEST_F(SandboxFiles, RemoveTakesTheSymlinkNotItsTarget) {
   sandbox().WriteFile("/srv/orvane-selftest/target", "kept");
-  ASSERT_EQ(Shell(sandbox(), "ln -s /srv/orvane-selftest/target /srv/orvane-selftest/link").exitStatus, 0);
+  ASSERT_EQ(
+      Shell(sandbox(), "ln -s /srv/orvane-selftest/target /srv/orvane-selftest/link").exitStatus,
+      0);
   sandbox().Remove("/srv/orvane-selftest/link");
   EXPECT_FALSE(sandbox().Exists("/srv/orvane-selftest/link"));
   EXPECT_EQ(sandbox().ReadFile("/srv/orvane-selftest/target"), "kept");
@@ -218,7 +226,8 @@ TEST(SandboxConstruction, ExpectedFileNamesTheMissingFile) {
     orvane::testing::ExpectedFile("orvane-selftest-no-such-expectation.txt");
     FAIL() << "reading a missing expected file did not throw";
   } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find("tests/e2e/expected/orvane-selftest-no-such-expectation.txt"),
+    EXPECT_NE(std::string(error.what())
+                  .find("tests/e2e/expected/orvane-selftest-no-such-expectation.txt"),
               std::string::npos)
         << error.what();
   }
@@ -234,7 +243,8 @@ TEST_F(SandboxProcesses, ProgramIsTheOnlyChildOfItsOwnInit) {
 
 TEST_F(SandboxProcesses, BackgroundProcessesDieWithTheRun) {
   const auto seconds = UniqueSleepSeconds();
-  const auto result = Shell(sandbox(), "sleep " + seconds + " & sleep 0.2; kill -0 $! && echo alive");
+  const auto result =
+      Shell(sandbox(), "sleep " + seconds + " & sleep 0.2; kill -0 $! && echo alive");
   EXPECT_EQ(result.out, "alive\n") << result.err;
   EXPECT_FALSE(HostRunsSleep(seconds));
 }
@@ -277,9 +287,11 @@ TEST_F(SandboxProcesses, ClosedStdoutCannotBeWritten) {
   RunSettings settings;
   settings.closeStdout = true;
   const auto result = Shell(sandbox(), "echo x", settings);
-  EXPECT_TRUE(result.exitStatus != 0 || !result.err.empty()) << "echo succeeded with standard output closed";
+  EXPECT_TRUE(result.exitStatus != 0 || !result.err.empty())
+      << "echo succeeded with standard output closed";
   EXPECT_EQ(result.out, "");
-  const auto open = Shell(sandbox(), "test -e /proc/self/fd/1 && echo open >&2 || echo closed >&2", settings);
+  const auto open =
+      Shell(sandbox(), "test -e /proc/self/fd/1 && echo open >&2 || echo closed >&2", settings);
   EXPECT_EQ(open.err, "closed\n");
 }
 
@@ -309,7 +321,8 @@ TEST_F(SandboxProcesses, MissingProgramThrows) {
     sandbox().Run({"/usr/bin/orvane-selftest-no-such-program"});
     FAIL() << "running a missing program did not throw";
   } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find("orvane-selftest-no-such-program"), std::string::npos) << error.what();
+    EXPECT_NE(std::string(error.what()).find("orvane-selftest-no-such-program"), std::string::npos)
+        << error.what();
   }
 }
 
@@ -355,8 +368,8 @@ TEST_F(SandboxLogs, ManyMessagesDoNotBlock) {
 
 TEST_F(SandboxLogs, CLibrarySyslogFormatIsParsed) {
   sandbox().CopyIn("/proc/self/exe", "/usr/local/bin/syslog-client");
-  const auto result = sandbox().Run(
-      {"/usr/local/bin/syslog-client", std::string(kSyslogClientFlag), "orvane-client", "two\nlines\n"});
+  const auto result = sandbox().Run({"/usr/local/bin/syslog-client", std::string(kSyslogClientFlag),
+                                     "orvane-client", "two\nlines\n"});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
   const auto records = sandbox().Syslog();
   ASSERT_EQ(records.size(), 1u);
@@ -379,7 +392,8 @@ TEST_F(SandboxLogs, SyslogKeepsRecordsOfEarlierRuns) {
 
 TEST_F(SandboxLogs, KmsgIsAPlainFileThatCollectsWrites) {
   EXPECT_EQ(sandbox().Kmsg(), "");
-  const auto result = Shell(sandbox(), "test -f /dev/kmsg && echo one >> /dev/kmsg && echo two >> /dev/kmsg");
+  const auto result =
+      Shell(sandbox(), "test -f /dev/kmsg && echo one >> /dev/kmsg && echo two >> /dev/kmsg");
   EXPECT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(sandbox().Kmsg(), "one\ntwo\n");
 }
@@ -394,7 +408,8 @@ TEST_F(SandboxLogs, ConsoleIsAPlainFileThatCollectsWrites) {
 // ---- the syslog format, without a sandbox
 
 TEST(SandboxSyslogParsing, SplitsAllFields) {
-  const SyslogRecord record = SyslogListener::Parse("<30>Nov 21 01:02:03 orvane[42]: plugin started");
+  const SyslogRecord record =
+      SyslogListener::Parse("<30>Nov 21 01:02:03 orvane[42]: plugin started");
   EXPECT_EQ(record.priority, 30);
   EXPECT_EQ(record.facility, 3);
   EXPECT_EQ(record.severity, 6);
@@ -405,7 +420,8 @@ TEST(SandboxSyslogParsing, SplitsAllFields) {
 }
 
 TEST(SandboxSyslogParsing, KeepsNewlinesAndSpacePaddedDays) {
-  const SyslogRecord record = SyslogListener::Parse("<11>Nov  1 23:59:59 orvane[7]: first\nsecond: x\n");
+  const SyslogRecord record =
+      SyslogListener::Parse("<11>Nov  1 23:59:59 orvane[7]: first\nsecond: x\n");
   EXPECT_EQ(record.ident, "orvane");
   EXPECT_EQ(record.pid, 7);
   EXPECT_EQ(record.message, "first\nsecond: x\n");
@@ -419,7 +435,8 @@ TEST(SandboxSyslogParsing, IdentWithoutPid) {
 }
 
 TEST(SandboxSyslogParsing, DropsTheNulOfStreamSenders) {
-  const SyslogRecord record = SyslogListener::Parse(std::string("<13>Jan 10 10:00:00 orvane: hello") + '\0');
+  const SyslogRecord record =
+      SyslogListener::Parse(std::string("<13>Jan 10 10:00:00 orvane: hello") + '\0');
   EXPECT_EQ(record.message, "hello");
 }
 

@@ -36,7 +36,8 @@ bool TakeNumber(std::string_view text, int& value) {
 // "<PRI>": one to three digits in angle brackets.
 bool TakePriority(std::string_view& rest, SyslogRecord& record) {
   const auto close = rest.find('>');
-  if (rest.empty() || rest.front() != '<' || close == std::string_view::npos || close > 4) return false;
+  if (rest.empty() || rest.front() != '<' || close == std::string_view::npos || close > 4)
+    return false;
   int priority = 0;
   if (!TakeNumber(rest.substr(1, close - 1), priority)) return false;
   record.priority = priority;
@@ -51,9 +52,10 @@ bool TakePriority(std::string_view& rest, SyslogRecord& record) {
 void SkipTimestamp(std::string_view& rest) {
   constexpr std::size_t kLength = 16;
   if (rest.size() < kLength) return;
-  const bool shaped = rest[3] == ' ' && rest[6] == ' ' && rest[9] == ':' && rest[12] == ':' && rest[15] == ' ' &&
-                      IsDigit(rest[7]) && IsDigit(rest[8]) && IsDigit(rest[10]) && IsDigit(rest[11]) &&
-                      IsDigit(rest[13]) && IsDigit(rest[14]);
+  const bool shaped = rest[3] == ' ' && rest[6] == ' ' && rest[9] == ':' && rest[12] == ':' &&
+                      rest[15] == ' ' && IsDigit(rest[7]) && IsDigit(rest[8]) &&
+                      IsDigit(rest[10]) && IsDigit(rest[11]) && IsDigit(rest[13]) &&
+                      IsDigit(rest[14]);
   if (shaped) rest.remove_prefix(kLength);
 }
 
@@ -66,7 +68,8 @@ void TakeTag(std::string_view& rest, SyslogRecord& record) {
   if (tag.empty() || tag.find_first_of(" \t\n") != std::string_view::npos) return;
   const auto open = tag.find('[');
   int pid = 0;
-  if (open != std::string_view::npos && tag.back() == ']' && TakeNumber(tag.substr(open + 1, tag.size() - open - 2), pid)) {
+  if (open != std::string_view::npos && tag.back() == ']' &&
+      TakeNumber(tag.substr(open + 1, tag.size() - open - 2), pid)) {
     record.ident = tag.substr(0, open);
     record.pid = pid;
   } else {
@@ -81,7 +84,8 @@ SyslogListener::SyslogListener(const std::filesystem::path& socketPath) : buffer
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string path = socketPath.string();
-  if (path.size() >= sizeof(address.sun_path)) throw std::runtime_error("socket path too long: " + path);
+  if (path.size() >= sizeof(address.sun_path))
+    throw std::runtime_error("socket path too long: " + path);
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
   socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -15,8 +15,8 @@ struct SyslogRecord {
   int priority = -1;  ///< facility * 8 + severity; -1 when the datagram had no "<PRI>" header
   int facility = -1;
   int severity = -1;
-  std::string ident;  ///< empty when the sender gave none
-  int pid = 0;        ///< 0 when the sender did not include "[PID]"
+  std::string ident;    ///< empty when the sender gave none
+  int pid = 0;          ///< 0 when the sender did not include "[PID]"
   std::string message;  ///< as sent: embedded and trailing newlines are kept
   std::string raw;      ///< the whole datagram, unparsed
 };

@@ -25,7 +25,8 @@ constexpr int kUsageError = 2;
 constexpr int kHarnessError = 125;
 
 constexpr std::string_view kUsage =
-    "usage: sandbox-run [--stage DIR] [--file HOSTFILE:SANDBOXPATH]... [--keep-output SANDBOXPATH:HOSTFILE]...\n"
+    "usage: sandbox-run [--stage DIR] [--file HOSTFILE:SANDBOXPATH]... [--keep-output "
+    "SANDBOXPATH:HOSTFILE]...\n"
     "                   [--stdin-file HOSTFILE] [--timeout SECONDS] -- PROGRAM [ARGUMENT...]\n"
     "       sandbox-run --help\n"
     "\n"
@@ -63,7 +64,8 @@ struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-std::pair<std::string, std::string> SplitAtColon(const std::string& text, const std::string& option) {
+std::pair<std::string, std::string> SplitAtColon(const std::string& text,
+                                                 const std::string& option) {
   const auto colon = text.find(':');
   if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
     throw UsageError(option + " needs two paths separated by ':', got '" + text + "'");
@@ -78,7 +80,8 @@ std::chrono::seconds ParseSeconds(const std::string& text) {
     seconds = std::stol(text, &used);
   } catch (const std::exception&) {
   }
-  if (used != text.size() || seconds <= 0) throw UsageError("--timeout needs a positive number of seconds");
+  if (used != text.size() || seconds <= 0)
+    throw UsageError("--timeout needs a positive number of seconds");
   return std::chrono::seconds(seconds);
 }
 
@@ -143,7 +146,8 @@ void CopyFilesIn(orvane::testing::Sandbox& sandbox, const std::vector<Transfer>&
 void CopyFilesOut(const orvane::testing::Sandbox& sandbox, const std::vector<Transfer>& files) {
   for (const auto& file : files) {
     if (!sandbox.Exists(file.sandbox)) {
-      std::cerr << "sandbox-run: " << file.sandbox << " does not exist in the sandbox; nothing copied\n";
+      std::cerr << "sandbox-run: " << file.sandbox
+                << " does not exist in the sandbox; nothing copied\n";
       continue;
     }
     WriteHostFile(file.host, sandbox.ReadFile(file.sandbox));
@@ -180,8 +184,8 @@ int RunInSandbox(const Options& options) {
   std::cout << result.out << std::flush;
   std::cerr << result.err << std::flush;
   if (result.timedOut) {
-    std::cerr << "sandbox-run: " << options.program.front() << " timed out after " << options.timeout.count()
-              << " s and was killed\n";
+    std::cerr << "sandbox-run: " << options.program.front() << " timed out after "
+              << options.timeout.count() << " s and was killed\n";
   }
   PrintSection("kernel log (/dev/kmsg)", sandbox.Kmsg());
   PrintSection("console (/dev/console)", sandbox.Console());

@@ -1,5 +1,3 @@
-#include "orvaner/CommandLine.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "orvaner/CommandLine.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
 
@@ -176,9 +175,9 @@ TEST(CommandLine, CommaListsDropEmptyItemsAndTrimNothing) {
 }
 
 TEST(CommandLine, ListOptionsAccumulateInOrderWithRepeats) {
-  Parsed parsed = Parse({"--plugin=b,a", "--plugin=b", "--disable-plugins=x,,y",
-                         "--disable-plugins=x", "--interactive-mode-requires=n,m",
-                         "--interactive-mode-requires="});
+  Parsed parsed =
+      Parse({"--plugin=b,a", "--plugin=b", "--disable-plugins=x,,y", "--disable-plugins=x",
+             "--interactive-mode-requires=n,m", "--interactive-mode-requires="});
   EXPECT_THAT(parsed.state.pluginList, ElementsAre("b", "a", "b"));
   EXPECT_THAT(parsed.options.disabledPlugins, ElementsAre("x", "y", "x"));
   EXPECT_THAT(parsed.options.interactiveModeRequires, ElementsAre("n", "m"));
@@ -210,7 +209,8 @@ TEST(CommandLine, ArgumentsThatAreNotOptionsAreIgnored) {
 }
 
 /// The outcome of a parse and what getopt_long printed on standard error.
-std::pair<ParseOutcome, std::string> ParseCapturingStderr(std::initializer_list<std::string> words) {
+std::pair<ParseOutcome, std::string> ParseCapturingStderr(
+    std::initializer_list<std::string> words) {
   ::testing::internal::CaptureStderr();
   ParseOutcome outcome = Parse(words).outcome;
   return {outcome, ::testing::internal::GetCapturedStderr()};
@@ -259,8 +259,7 @@ TEST(CommandLineCombination, DaemonWithAnotherMethodIsInvalid) {
 }
 
 TEST(CommandLineCombination, DaemonRefusesInitInvokeInteractiveAndPluginList) {
-  EXPECT_EQ(Check({"--daemon", "--init", "--method=start"}),
-            Combination::InvalidDaemonCombination);
+  EXPECT_EQ(Check({"--daemon", "--init", "--method=start"}), Combination::InvalidDaemonCombination);
   EXPECT_EQ(Check({"--daemon", "--invoke", "--method=start", "--plugin=a"}),
             Combination::InvalidDaemonCombination);
   EXPECT_EQ(Check({"--daemon", "--interactive", "--method=stop"}),
@@ -304,8 +303,10 @@ TEST(CommandLineUsage, PrintsTheUsageTextExactly) {
 
 TEST(CommandLineUsage, UsageTextKeepsItsTrailingBlanks) {
   auto lines = UsageLines();
-  EXPECT_STREQ(lines[8], "                            comma separated list of plugins to load (note that ");
-  EXPECT_STREQ(lines.back(), "                            The default is 40 secs.                            ");
+  EXPECT_STREQ(lines[8],
+               "                            comma separated list of plugins to load (note that ");
+  EXPECT_STREQ(lines.back(),
+               "                            The default is 40 secs.                            ");
 }
 
 TEST(CommandLineUsage, HintNamesTheProgramAsInvoked) {

@@ -1,6 +1,6 @@
-#include "orvaner/Exception.h"
-
 #include <gtest/gtest.h>
+
+#include "orvaner/Exception.h"
 
 namespace orvane {
 namespace {

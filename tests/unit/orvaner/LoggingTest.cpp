@@ -1,10 +1,9 @@
-#include "orvaner/Logging.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/Logging.h"
 
 namespace orvane {
 namespace {

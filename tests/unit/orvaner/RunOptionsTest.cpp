@@ -1,8 +1,8 @@
-#include "orvaner/RunOptions.h"
-
 #include <gtest/gtest.h>
 
 #include <ctime>
+
+#include "orvaner/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -1,6 +1,6 @@
-#include "HostCtl/HostCtlException.h"
-
 #include <gtest/gtest.h>
+
+#include "HostCtl/HostCtlException.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "log/Dictionary.h"
-
 #include <gtest/gtest.h>
+
+#include "log/Dictionary.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include "log/Log.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <string>
 
 #include "log/Dictionary.h"
+#include "log/Log.h"
 
 namespace {
 
@@ -55,7 +54,8 @@ std::string CapturedStderr(Action action) {
 
 TEST_F(LogTest, MessagesBeforeSetUpGoToStandardError) {
   std::string out;
-  std::string err = CapturedStderr([&] { out = CapturedStdout([] { Log_Level(3, "early %d\n", 1); }); });
+  std::string err =
+      CapturedStderr([&] { out = CapturedStdout([] { Log_Level(3, "early %d\n", 1); }); });
   EXPECT_EQ(err, "early 1\n");
   EXPECT_EQ(out, "");
 }
@@ -67,7 +67,8 @@ TEST_F(LogTest, StdioChannelWritesMillisecondUtcTimestamps) {
   std::time_t after = std::time(nullptr);
 
   std::smatch fields;
-  std::regex line(R"(^(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.\d{3}Z orvane: Launching Executor\n$)");
+  std::regex line(
+      R"(^(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.\d{3}Z orvane: Launching Executor\n$)");
   ASSERT_TRUE(std::regex_match(out, fields, line)) << out;
   std::tm stamp{};
   stamp.tm_year = std::stoi(fields[1]) - 1900;
@@ -85,7 +86,8 @@ TEST_F(LogTest, StdioChannelWritesMillisecondUtcTimestamps) {
 TEST_F(LogTest, StdioChannelWithoutMillisecondsShowsWholeSeconds) {
   AddStdio("info", true, false);
   std::string out = CapturedStdout([] { Log_Level(5, "tick\n"); });
-  EXPECT_TRUE(std::regex_match(out, std::regex(R"(^[0-9-]{10}T[0-9:]{8}Z orvane: tick\n$)"))) << out;
+  EXPECT_TRUE(std::regex_match(out, std::regex(R"(^[0-9-]{10}T[0-9:]{8}Z orvane: tick\n$)")))
+      << out;
 }
 
 TEST_F(LogTest, StdioChannelWithoutTimestamps) {

@@ -1,9 +1,9 @@
-#include "log/Str.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <string>
+
+#include "log/Str.h"
 
 namespace {
 
