@@ -46,7 +46,8 @@ void Log_SetStderrLevel(int level, std::uint32_t groupMask);
 /// Records the product that is logging.
 void Log_SetProductInfo(const char* name, const char* version, const char* buildNumber,
                         const char* compilationOption);
-/// The product recorded by Log_SetProductInfo, as "name version build (option)".
+/// The product recorded by Log_SetProductInfo, as "name version build (option)";
+/// valid until the next Log_SetProductInfo.
 const char* Log_GetProductInfo();
 
 /// Closes every output and syslog; the library is as before set-up.
