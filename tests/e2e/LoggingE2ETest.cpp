@@ -48,6 +48,14 @@ class LoggingE2E : public ::testing::Test {
   std::unique_ptr<Sandbox> sandbox_;
 };
 
+/// What syslog gets when an alert cannot reach the kernel log: why, then the
+/// alert itself, both at error priority.
+std::vector<std::pair<int, std::string>> AlertFallback(const std::string& openError,
+                                                       const std::string& alert) {
+  return {{LOG_ERR, "Exception occurred while logging msg: unable to open /dev/kmsg: " + openError},
+          {LOG_ERR, alert}};
+}
+
 TEST_F(LoggingE2E, MessageReachesStandardOutputAndSyslogWithIdentOrvane) {
   RunResult result = Probe({"log", "5", "Launching Executor"});
   EXPECT_TRUE(std::regex_match(
@@ -85,24 +93,15 @@ TEST_F(LoggingE2E, AlertGoesToTheKernelLog) {
 TEST_F(LoggingE2E, AlertFallsBackToSyslogWhenTheKernelLogIsMissing) {
   sandbox_->Remove("/dev/kmsg");
   Probe({"alert", "Activating Orvane plugin foo."});
-  EXPECT_THAT(
-      OrvaneSyslog(),
-      ElementsAre(
-          std::pair{LOG_ERR, std::string("Exception occurred while logging msg: unable to open "
-                                         "/dev/kmsg: No such file or directory")},
-          std::pair{LOG_ERR, std::string("Activating Orvane plugin foo.")}));
+  EXPECT_EQ(OrvaneSyslog(),
+            AlertFallback("No such file or directory", "Activating Orvane plugin foo."));
 }
 
 TEST_F(LoggingE2E, AlertFallsBackToSyslogWhenTheKernelLogCannotBeWritten) {
   sandbox_->Remove("/dev/kmsg");
   sandbox_->MakeDirectory("/dev/kmsg");
   Probe({"alert", "Orvane plugin bar activated."});
-  EXPECT_THAT(
-      OrvaneSyslog(),
-      ElementsAre(
-          std::pair{LOG_ERR, std::string("Exception occurred while logging msg: unable to open "
-                                         "/dev/kmsg: Is a directory")},
-          std::pair{LOG_ERR, std::string("Orvane plugin bar activated.")}));
+  EXPECT_EQ(OrvaneSyslog(), AlertFallback("Is a directory", "Orvane plugin bar activated."));
 }
 
 TEST_F(LoggingE2E, AlertKeepsPercentSignsOfTheMessage) {

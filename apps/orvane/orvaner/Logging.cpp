@@ -23,8 +23,8 @@ struct DictionaryDeleter {
 };
 using DictionaryPointer = std::unique_ptr<Dictionary, DictionaryDeleter>;
 
-// Every level of the host library goes to standard error when a message is
-// at or below this one; 0 keeps standard error for the program's own use.
+// Messages at or below this level are also copied to standard error; orvane
+// logs nothing at 0, so standard error stays the program's own.
 constexpr int kStderrLevel = 0;
 constexpr std::uint32_t kAllLogGroups = 0xFFFFFFFF;
 

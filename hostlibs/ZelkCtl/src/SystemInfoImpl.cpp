@@ -2,7 +2,6 @@
 
 #include <syslog.h>
 
-#include "HostCtl/HostCtlException.h"
 #include "KernelLog.h"
 
 namespace ZelkCtl::System {
@@ -11,9 +10,7 @@ void SystemInfoImpl::SetSystemAlert(const std::string& text) noexcept {
   syslog(LOG_ALERT, "%s", text.c_str());
   try {
     detail::WriteKernelLogRecord(detail::KernelLogPriority::Alert, text);
-  } catch (const HostCtl::Lib::HostCtlException& error) {
-    syslog(LOG_ERR, "unable to raise system alert in the kernel log: %s", error.what());
-  } catch (const std::exception& error) {
+  } catch (const std::exception& error) {  // HostCtlException, or running out of memory
     syslog(LOG_ERR, "unable to raise system alert in the kernel log: %s", error.what());
   }
 }

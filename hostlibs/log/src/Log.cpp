@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
 #include <memory>
@@ -160,19 +161,16 @@ LogOutput* Log_NewStdioOutput(const char* /*ident*/, const Dictionary* settings)
 }
 
 bool Log_AddOutput(LogOutput* output) {
-  std::unique_ptr<LogOutput> owned(output);
-  if (!owned) {
+  if (output == nullptr) {
     return false;
   }
   LogState& state = State();
   std::lock_guard lock(state.mutex);
-  for (const auto& existing : state.outputs) {
-    if (existing.get() == output) {
-      owned.release();  // already ours; releasing it again would free it twice
-      return false;
-    }
+  auto sameOutput = [output](const auto& existing) { return existing.get() == output; };
+  if (std::any_of(state.outputs.begin(), state.outputs.end(), sameOutput)) {
+    return false;
   }
-  state.outputs.push_back(std::move(owned));
+  state.outputs.emplace_back(output);
   return true;
 }
 

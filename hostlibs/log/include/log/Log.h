@@ -35,8 +35,8 @@ bool Log_InitWithSyslogInt(const char* ident, const Dictionary* settings);
 /// setting is invalid.
 LogOutput* Log_NewStdioOutput(const char* ident, const Dictionary* settings);
 
-/// Starts writing to @p output and takes ownership of it. False (and the
-/// output released) when it is null or already added.
+/// Starts writing to @p output and takes ownership of it. False when it is
+/// null or already added (it then stays added once).
 bool Log_AddOutput(LogOutput* output);
 
 /// Messages at @p level or below are also copied to standard error.
