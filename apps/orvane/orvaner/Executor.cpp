@@ -1,5 +1,6 @@
 #include "orvaner/Executor.h"
 
+#include <algorithm>
 #include <string>
 #include <system_error>
 
@@ -65,6 +66,16 @@ void Executor::Enqueue(Node& node) {
 Node& Executor::PickNext() {
   GraphLockGuard lock;
   return readyList_.PickNext(randomize_);
+}
+
+std::size_t Executor::ReadyCount() const {
+  GraphLockGuard lock;
+  return readyList_.Size();
+}
+
+int Executor::ParallelThreadCount(std::size_t pluginCount, int processorCount) {
+  const auto doubled = static_cast<std::size_t>(std::max(processorCount, 0)) * 2;
+  return static_cast<int>(std::min(pluginCount, doubled));
 }
 
 void Executor::RunNode(Node& node) {

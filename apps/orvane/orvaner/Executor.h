@@ -42,6 +42,12 @@ class Executor {
 
   /// How many workers were started.
   std::size_t ThreadCount() const { return threads_.size(); }
+  /// How many vertices wait in the ready list.
+  std::size_t ReadyCount() const;
+
+  /// The worker count of a parallel run: twice the host's processors, but
+  /// never more workers than plugins.
+  static int ParallelThreadCount(std::size_t pluginCount, int processorCount);
 
  private:
   void WorkerLoop();

@@ -47,6 +47,9 @@ class Plugin : public Node {
   bool InvokeMethod(const std::string& method);
 
  protected:
+  /// For kinds that are scheduled in another class, such as legacy daemons.
+  Plugin(std::string name, std::uint32_t schedulingClass);
+
   std::int32_t apiVersion = -1;
   bool runOnce = false;
   std::string pluginVersion;
