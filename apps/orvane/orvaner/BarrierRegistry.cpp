@@ -1,0 +1,82 @@
+#include "orvaner/BarrierRegistry.h"
+
+#include "orvaner/GraphLock.h"
+#include "orvaner/InitBarrier.h"
+#include "orvaner/PriorityBarrier.h"
+
+namespace orvane {
+
+BarrierRegistry::BarrierRegistry() = default;
+
+BarrierRegistry::~BarrierRegistry() = default;
+
+BarrierRegistry& BarrierRegistry::Instance() {
+  // Never destroyed: worker threads may still look at barriers while the
+  // process exits.
+  static auto* registry = new BarrierRegistry;
+  return *registry;
+}
+
+Node* BarrierRegistry::GetBarrier(const std::string& name, bool create) {
+  GraphLockGuard lock;
+  if (auto found = barriers_.find(name); found != barriers_.end()) {
+    return found->second;
+  }
+  if (!create) {
+    return nullptr;
+  }
+  auto barrier = std::make_unique<InitBarrier>(name);
+  Node* created = barrier.get();
+  barriers_.emplace(name, created);
+  owned_.push_back(std::move(barrier));
+  return created;
+}
+
+void BarrierRegistry::RegisterBarrier(Node& node, const std::string& name) {
+  GraphLockGuard lock;
+  barriers_[name] = &node;
+}
+
+std::deque<Node*> BarrierRegistry::ListBarriers() {
+  GraphLockGuard lock;
+  std::deque<Node*> barriers;
+  for (const auto& [name, barrier] : barriers_) {
+    barriers.push_back(barrier);
+  }
+  return barriers;
+}
+
+PriorityBarrier& BarrierRegistry::GetPriorityBarrier(std::uint32_t priority) {
+  GraphLockGuard lock;
+  // A plain barrier that a plugin happened to give this name is not a
+  // level; the new level then takes the name over.
+  if (auto* found =
+          dynamic_cast<PriorityBarrier*>(GetBarrier(PriorityBarrier::NameOf(priority), false))) {
+    return *found;
+  }
+  auto barrier = std::make_unique<PriorityBarrier>(*this, priority);
+  PriorityBarrier& created = *barrier;
+  Adopt(std::move(barrier));
+  return created;
+}
+
+void BarrierRegistry::Adopt(std::unique_ptr<Node> barrier) {
+  GraphLockGuard lock;
+  owned_.push_back(std::move(barrier));
+}
+
+Node* GetBarrier(const std::string& name, bool create) {
+  return BarrierRegistry::Instance().GetBarrier(name, create);
+}
+
+void RegisterBarrier(Node& node, const std::string& name) {
+  BarrierRegistry::Instance().RegisterBarrier(node, name);
+}
+
+std::deque<Node*> ListBarriers() { return BarrierRegistry::Instance().ListBarriers(); }
+
+PriorityBarrier& GetPriorityBarrier(std::uint32_t priority) {
+  return BarrierRegistry::Instance().GetPriorityBarrier(priority);
+}
+
+}  // namespace orvane

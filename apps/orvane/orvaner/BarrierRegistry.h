@@ -1,0 +1,65 @@
+/// The barrier registry: turns a barrier name into the one vertex of that
+/// name, and keeps the ascending list of start priorities that the priority
+/// barriers stand for.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+class Node;
+class PriorityBarrier;
+
+/// Only grows: entries are never removed and the barriers it creates live as
+/// long as it does (the process-wide one, until the process ends). Every
+/// operation takes the graph lock.
+class BarrierRegistry {
+ public:
+  BarrierRegistry();
+  ~BarrierRegistry();
+  BarrierRegistry(const BarrierRegistry&) = delete;
+  BarrierRegistry& operator=(const BarrierRegistry&) = delete;
+
+  /// The process-wide registry, created on first use and never destroyed.
+  static BarrierRegistry& Instance();
+
+  /// The vertex registered under @p name, whatever its class. Otherwise a
+  /// new InitBarrier of that name when @p create is true, else null.
+  Node* GetBarrier(const std::string& name, bool create);
+  /// Enters @p node under @p name, silently replacing any earlier entry
+  /// (whose edges stay as they are).
+  void RegisterBarrier(Node& node, const std::string& name);
+  /// The registered vertices in byte-wise name order.
+  std::deque<Node*> ListBarriers();
+
+  /// The priority barrier of @p priority, spliced into the chain of
+  /// priority levels when it is new.
+  PriorityBarrier& GetPriorityBarrier(std::uint32_t priority);
+
+  /// The start priorities that have a barrier, ascending.
+  std::vector<std::uint32_t>& PriorityList() { return priorityList_; }
+
+  /// Keeps @p barrier alive as long as the registry.
+  void Adopt(std::unique_ptr<Node> barrier);
+
+ private:
+  std::map<std::string, Node*> barriers_;
+  std::vector<std::unique_ptr<Node>> owned_;
+  std::vector<std::uint32_t> priorityList_;
+};
+
+/// GetBarrier of the process-wide registry.
+Node* GetBarrier(const std::string& name, bool create);
+/// RegisterBarrier of the process-wide registry.
+void RegisterBarrier(Node& node, const std::string& name);
+/// ListBarriers of the process-wide registry.
+std::deque<Node*> ListBarriers();
+/// GetPriorityBarrier of the process-wide registry.
+PriorityBarrier& GetPriorityBarrier(std::uint32_t priority);
+
+}  // namespace orvane

@@ -1,0 +1,57 @@
+/// The ready list and the pool of worker threads that run the graph.
+#pragma once
+
+#include <pthread.h>
+
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "orvaner/ReadyList.h"
+
+namespace orvane {
+
+class Node;
+
+/// Each worker repeatedly takes the most urgent queued vertex (ReadyList)
+/// and runs its forward or reverse action, which makes further vertices
+/// ready. One executor serves one pass; destroying it stops the workers and
+/// drops whatever is still queued.
+class Executor {
+ public:
+  /// Starts a thread for a worker; replaced in tests to make a start fail.
+  using ThreadStarter = std::function<std::thread(std::function<void()> work)>;
+
+  /// Starts @p threadCount workers (none when it is below 1: such an
+  /// executor never runs anything). Throws Exception when the ready
+  /// condition cannot be created or a thread cannot be started.
+  Executor(int threadCount, bool randomize);
+  Executor(int threadCount, bool randomize, const ThreadStarter& startThread);
+  virtual ~Executor();
+  Executor(const Executor&) = delete;
+  Executor& operator=(const Executor&) = delete;
+
+  /// Appends a vertex to the ready list and wakes the workers. Called by the
+  /// scheduling rules of Node under the graph lock.
+  void Enqueue(Node& node);
+  /// Removes and returns the vertex to run next; under the graph lock, with a non-empty list.
+  Node& PickNext();
+  /// Runs a vertex taken from the list: its forward action when it is
+  /// QueuedStart, its reverse one otherwise.
+  void RunNode(Node& node);
+
+  /// How many workers were started.
+  std::size_t ThreadCount() const { return threads_.size(); }
+
+ private:
+  void WorkerLoop();
+  void StopWorkers();
+
+  pthread_cond_t readyCondition_;
+  ReadyList readyList_;
+  std::vector<std::thread> threads_;
+  bool stopping_ = false;
+  bool randomize_;
+};
+
+}  // namespace orvane
