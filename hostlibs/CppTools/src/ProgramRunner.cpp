@@ -31,7 +31,8 @@ std::vector<std::string> BuildEnvironment(
     }
   }
   for (const auto& [name, value] : extraEnvironment) {
-    environment.push_back(name + "=" + value);
+    environment.push_back(name);
+    environment.back().append("=").append(value);
   }
   return environment;
 }
