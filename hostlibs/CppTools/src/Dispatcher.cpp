@@ -296,11 +296,18 @@ void Dispatcher::ExecuteCommand(const std::shared_ptr<CommandInput>& input,
                      "' has no program to run: its exec names only parameters not given");
     return;
   }
+  // A parameter not given is absent from the environment even when the
+  // caller inherited a variable of that name (qorcli run from a command).
   std::vector<std::pair<std::string, std::string>> environment;
-  for (const auto& [name, value] : values) {
-    environment.emplace_back(EnvironmentName(name), value);
+  std::vector<std::string> notGiven;
+  for (const ParameterDefinition& parameter : command->parameters) {
+    if (auto value = values.find(parameter.name); value != values.end()) {
+      environment.emplace_back(EnvironmentName(parameter.name), value->second);
+    } else {
+      notGiven.push_back(EnvironmentName(parameter.name));
+    }
   }
-  detail::ProgramResult result = detail::RunProgram(arguments, environment);
+  detail::ProgramResult result = detail::RunProgram(arguments, environment, notGiven);
   if (!result.startError.empty()) {
     output->AddError("command '" + commandName + "' could not run '" + arguments[0] +
                      "': " + result.startError);

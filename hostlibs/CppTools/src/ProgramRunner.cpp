@@ -17,8 +17,9 @@ namespace CppTools::AutoCli::detail {
 namespace {
 
 std::vector<std::string> BuildEnvironment(
-    const std::vector<std::pair<std::string, std::string>>& extraEnvironment) {
-  std::set<std::string> replaced;
+    const std::vector<std::pair<std::string, std::string>>& extraEnvironment,
+    const std::vector<std::string>& removedVariables) {
+  std::set<std::string> replaced(removedVariables.begin(), removedVariables.end());
   for (const auto& [name, value] : extraEnvironment) {
     replaced.insert(name);
   }
@@ -30,7 +31,8 @@ std::vector<std::string> BuildEnvironment(
     }
   }
   for (const auto& [name, value] : extraEnvironment) {
-    environment.push_back(name + "=" + value);
+    environment.push_back(name);
+    environment.back().append("=").append(value);
   }
   return environment;
 }
@@ -83,14 +85,15 @@ class SpawnSettings {
 }  // namespace
 
 ProgramResult RunProgram(const std::vector<std::string>& argv,
-                         const std::vector<std::pair<std::string, std::string>>& extraEnvironment) {
+                         const std::vector<std::pair<std::string, std::string>>& extraEnvironment,
+                         const std::vector<std::string>& removedVariables) {
   ProgramResult result;
   if (argv.empty()) {
     result.startError = "there is no program to run";
     return result;
   }
   std::vector<std::string> arguments = argv;
-  std::vector<std::string> environment = BuildEnvironment(extraEnvironment);
+  std::vector<std::string> environment = BuildEnvironment(extraEnvironment, removedVariables);
   std::vector<char*> argumentPointers = PointersTo(arguments);
   std::vector<char*> environmentPointers = PointersTo(environment);
 

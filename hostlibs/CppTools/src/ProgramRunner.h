@@ -15,11 +15,13 @@ struct ProgramResult {
 };
 
 /// Runs @p argv (argv[0] found through PATH when it has no "/") with the
-/// caller's environment plus @p extraEnvironment (replacing variables of the
-/// same name), the caller's descriptors 0, 1 and 2 and no others, every
-/// signal at its default action and none blocked; waits for it to end.
-/// Uses posix_spawn, so the caller's image is never duplicated.
+/// caller's environment less the variables named in @p removedVariables,
+/// plus @p extraEnvironment (replacing variables of the same name); with
+/// the caller's descriptors 0, 1 and 2 and no others, every signal at its
+/// default action and none blocked; and waits for it to end. Uses
+/// posix_spawn, so the caller's image is never duplicated.
 ProgramResult RunProgram(const std::vector<std::string>& argv,
-                         const std::vector<std::pair<std::string, std::string>>& extraEnvironment);
+                         const std::vector<std::pair<std::string, std::string>>& extraEnvironment,
+                         const std::vector<std::string>& removedVariables);
 
 }  // namespace CppTools::AutoCli::detail

@@ -26,9 +26,10 @@
 /// that is not a parameter of the command stay as they are. Every given
 /// parameter is also exported as QORCLI_<NAME> (upper case, characters
 /// other than letters and digits as "_") on top of the caller's
-/// environment. The program is found through PATH when its name has no
-/// "/", starts with the caller's standard descriptors only (0, 1 and 2),
-/// every signal at its default action and none blocked, and is waited for.
+/// environment, from which the variables of parameters not given are
+/// removed. The program is found through PATH when its name has no "/",
+/// starts with the caller's standard descriptors only (0, 1 and 2), every
+/// signal at its default action and none blocked, and is waited for.
 #pragma once
 
 #include <iosfwd>
