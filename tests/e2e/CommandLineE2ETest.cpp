@@ -128,15 +128,29 @@ TEST(CommandLineE2E, InvokeWithoutPluginsLogsTheReasonThenPrintsTheUsage) {
   EXPECT_TRUE(HasSyslogRecord(sandbox.Syslog(), LOG_ERR, reasonLine));
 }
 
-TEST(CommandLineE2E, AcceptedOptionsEndQuietlyWithZero) {
+TEST(CommandLineE2E, AcceptedOptionsEndWithZero) {
   ORVANE_REQUIRE_SANDBOX();
   Sandbox sandbox;
+  // Every mode but daemon mode starts and stops the executor process, and
+  // says only that on standard output.
+  const std::string executorLines = StdoutLogLine("Launching Executor") +
+                                    StdoutLogLine("Setting up Executor - Reset Requested") +
+                                    StdoutLogLine("Executor has been Successfully Stopped");
   for (std::vector<std::string> argv : {
            std::vector<std::string>{kOrvane},
            {kOrvane, "--init", "--parallel", "--plugin-flags=a,b"},
-           {kOrvane, "--daemon=WAIT", "--method=start"},
-           {kOrvane, "--daemon=wait", "--method=stop", "--daemon-wait-timeout=abc"},
            {kOrvane, "--invoke", "--method=start", "--plugin=foo", "--randomize=abc"},
+       }) {
+    // The executor leaves its socket file behind; a second one needs it gone.
+    sandbox.Remove("/var/run/talvek/orvaneExecutor.sock");
+    RunResult result = sandbox.Run(argv);
+    EXPECT_EQ(result.exitStatus, 0) << argv.back();
+    EXPECT_TRUE(MatchesLog(result.out, executorLines)) << argv.back() << ":\n" << result.out;
+    EXPECT_EQ(result.err, "") << argv.back();
+  }
+  for (std::vector<std::string> argv : {
+           std::vector<std::string>{kOrvane, "--daemon=WAIT", "--method=start"},
+           {kOrvane, "--daemon=wait", "--method=stop", "--daemon-wait-timeout=abc"},
        }) {
     RunResult result = sandbox.Run(argv);
     EXPECT_EQ(result.exitStatus, 0) << argv.back();

@@ -25,6 +25,12 @@ TEST(InstallLayout, ProgramIsInstalledExecutableUnderThePrefix) {
   EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
 }
 
+TEST(InstallLayout, QorcliIsInstalledExecutableUnderThePrefix) {
+  fs::path program = Staged("/usr/bin/qorcli");
+  ASSERT_TRUE(fs::is_regular_file(program)) << program;
+  EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
+}
+
 TEST(InstallLayout, HostDirectoriesAreCreatedEmpty) {
   std::vector<fs::path> directories = {paths::kPluginDirectory, "/etc/talvek/orvane",
                                        "/var/run/talvek", "/var/log", "/bootbank"};

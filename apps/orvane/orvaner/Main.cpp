@@ -2,12 +2,18 @@
 
 #include <sys/sysinfo.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <exception>
+#include <filesystem>
 
 #include "log/Log.h"
+#include "orvane/FixedPaths.h"
 #include "orvaner/CommandLine.h"
 #include "orvaner/Logging.h"
+#include "orvaner/QorcliExecutor.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
 
@@ -54,6 +60,51 @@ bool AcceptCombination(const RunOptions& options, const RunState& state) {
   return false;
 }
 
+// Forks the executor process and waits until it listens.
+bool StartExecutor() {
+  Log_Level(LOG_LEVEL_INFO, "Launching Executor\n");
+  try {
+    QorcliExecutor::Instance()->Reset();
+    return true;
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_WARNING, "Failed to start executor %s\n", error.what());
+  } catch (...) {
+    Log_Level(LOG_LEVEL_WARNING, "Failed to start executor\n");
+  }
+  return false;
+}
+
+// A failure is logged and the closing steps go on.
+void StopExecutor() {
+  try {
+    QorcliExecutor::Instance()->Stop();
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_ERROR, "Failed to stop Executor: %s\n", error.what());
+  } catch (...) {
+    Log_Level(LOG_LEVEL_ERROR, "Failed to stop Executor\n");
+  }
+}
+
+// The plugin directory as given, made absolute against the working
+// directory of the command line, before that directory changes.
+void StoreAbsolutePluginDirectory(RunOptions& options, const RunState& state) {
+  std::error_code error;
+  std::filesystem::path absolute = std::filesystem::absolute(state.pluginDirectory, error);
+  options.pluginDirectory = error ? state.pluginDirectory : absolute.string();
+}
+
+// Leaves the caller's working directory and terminal session behind; neither
+// failure stops the run. The message says "root" although only the working
+// directory changes.
+void DetachFromCaller() {
+  if (chdir(paths::kRoot) != 0) {
+    Log_Level(LOG_LEVEL_INFO, "unable to change filesystem root: %s.\n", std::strerror(errno));
+  }
+  if (setsid() < 0) {
+    Log_Level(LOG_LEVEL_INFO, "unable to create session: %s.\n", std::strerror(errno));
+  }
+}
+
 }  // namespace
 
 int Main(int argc, char* argv[], char* envp[]) {
@@ -72,6 +123,18 @@ int Main(int argc, char* argv[], char* envp[]) {
   }
   if (!AcceptCombination(options, state)) {
     return kExitFailure;
+  }
+
+  const bool runsExecutor = !state.daemon;
+  if (runsExecutor && !StartExecutor()) {
+    return kExitFailure;
+  }
+  StoreAbsolutePluginDirectory(options, state);
+  DetachFromCaller();
+
+  // Closing steps.
+  if (runsExecutor) {
+    StopExecutor();
   }
   return kExitSuccess;
 }

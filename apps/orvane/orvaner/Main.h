@@ -5,7 +5,8 @@ namespace orvane {
 
 /// Runs orvane with the command line and environment handed to main and
 /// returns the exit status: 0 for --help and a completed run, 1 for a usage
-/// error, a rejected combination of options or a failed logging set-up.
+/// error, a rejected combination of options, a failed logging set-up or an
+/// executor process that could not be started.
 int Main(int argc, char* argv[], char* envp[]);
 
 }  // namespace orvane

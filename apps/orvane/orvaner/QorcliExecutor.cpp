@@ -1,0 +1,412 @@
+#include "orvaner/QorcliExecutor.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "CppTools/AutoCli/CommandInput.h"
+#include "CppTools/AutoCli/CommandOutput.h"
+#include "CppTools/AutoCli/OptionParser.h"
+#include "log/Log.h"
+#include "orvane/FixedPaths.h"
+#include "orvaner/Exception.h"
+#include "orvaner/GraphLock.h"
+#include "orvaner/QorcliDispatcher.h"
+#include "orvaner/RedirectStdio.h"
+#include "poll/Poll.h"
+
+namespace orvane {
+namespace {
+
+using CommandStatus = std::int32_t;
+constexpr CommandStatus kStatusSuccess = 0;
+constexpr CommandStatus kStatusFailure = 1;
+
+constexpr int kListenBacklog = 16;
+constexpr int kConnectAttempts = 10;
+// One recv of at most this many bytes is all the executor reads of a request.
+constexpr std::size_t kMaxMessageLength = 1023;
+constexpr char kStopRequest[] = "stop";
+constexpr std::size_t kStopRequestLength = sizeof kStopRequest - 1;
+// The socket file is created with mode 0600: the executor runs commands as
+// its own (root) user, so no other user may connect.
+constexpr mode_t kControlSocketUmask = 0177;
+constexpr const char* kDispatcherName = "orvane";
+constexpr int kConnectionCallbackFlags = POLL_FLAG_PERIODIC | POLL_FLAG_READ | POLL_FLAG_SOCKET;
+// Exit status of an executor child that failed before or while detaching;
+// the parent reads any non-zero status as a failed start.
+constexpr int kStartFailureStatus = -1;
+
+// Set by the event-loop thread when a stop request arrives; its poll loop
+// runs until then. Only that thread touches it.
+volatile char executorStopFlag = 0;
+
+std::string ErrorText(int error) { return std::strerror(error); }
+
+/// The control socket's address. Its length, for bind and connect alike, is
+/// always the size of the whole structure.
+sockaddr_un ControlSocketAddress() {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, paths::kExecutorSocket, sizeof address.sun_path - 1);
+  return address;
+}
+
+int Bind(int socketDescriptor, const sockaddr_un& address) {
+  return bind(socketDescriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+int ConnectTo(int socketDescriptor, const sockaddr_un& address) {
+  return connect(socketDescriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+ssize_t SendRetryingInterrupts(int connection, const void* bytes, std::size_t length) {
+  ssize_t sent;
+  do {
+    sent = send(connection, bytes, length, MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  return sent;
+}
+
+ssize_t ReceiveRetryingInterrupts(int connection, void* bytes, std::size_t length, int flags) {
+  ssize_t received;
+  do {
+    received = recv(connection, bytes, length, flags);
+  } while (received < 0 && errno == EINTR);
+  return received;
+}
+
+// ---- executor side: one connection
+
+/// The next connection, or -1 when accept failed (logged). Close-on-exec, so
+/// that the programs of commands do not inherit it.
+int AcceptConnection(int listeningSocket) {
+  int connection;
+  do {
+    connection = accept4(listeningSocket, nullptr, nullptr, SOCK_CLOEXEC);
+  } while (connection < 0 && errno == EINTR);
+  if (connection < 0) {
+    Log_Level(LOG_LEVEL_WARNING, "Error accepting connection on contol socket - %s\n\n",
+              ErrorText(errno).c_str());
+  }
+  return connection;
+}
+
+/// True when the peer runs as this process's user; anything else, or peer
+/// credentials that cannot be read, is refused and logged.
+bool PeerIsOwnUser(int connection) {
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+    Log_Level(LOG_LEVEL_WARNING,
+              "Executor refused a connection: cannot read the peer's credentials - %s\n",
+              ErrorText(errno).c_str());
+    return false;
+  }
+  const uid_t ownUser = geteuid();
+  if (peer.uid != ownUser) {
+    Log_Level(LOG_LEVEL_WARNING,
+              "Executor refused a request from uid %u (pid %d): only uid %u may use the control "
+              "socket\n",
+              static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid),
+              static_cast<unsigned>(ownUser));
+    return false;
+  }
+  return true;
+}
+
+bool IsStopRequest(const char* message) {
+  return strncasecmp(message, kStopRequest, kStopRequestLength) == 0;
+}
+
+void StopEventLoop(void* clientData) {
+  Log_Level(LOG_LEVEL_INFO, "Orvane executor signalled to stop\n");
+  executorStopFlag = 1;
+  Poll_NotifyChange(POLL_CLASS_MAIN);
+  Poll_CallbackRemove(POLL_CLASS_MAIN, kConnectionCallbackFlags, &QorcliExecutor::HandleConnection,
+                      clientData, POLL_EVENT_DEVICE);
+}
+
+/// Parses and runs one command line; the status to reply. Failures are
+/// logged here; the exceptions only carry the outcome to the status.
+CommandStatus ExecuteCommandLine(const std::string& commandLine) {
+  try {
+    std::shared_ptr<QorcliDispatcher> dispatcher = QorcliDispatcher::Instance();
+    // Help that a command line asks for goes to standard output, which in
+    // the executor is its log file.
+    CppTools::AutoCli::OptionParser parser(dispatcher.get(), &std::cout);
+    if (parser.ParseString(commandLine)) {
+      return kStatusSuccess;  // help only: nothing to dispatch
+    }
+    const std::vector<std::string>& parseErrors = parser.GetParseErrors();
+    if (!parseErrors.empty()) {
+      for (const std::string& error : parseErrors) {
+        Log_Level(LOG_LEVEL_ERROR, "Executor was unable to parse command: %s\n", error.c_str());
+      }
+      throw Exception("Executor failed to parse command " + commandLine);
+    }
+
+    auto input = CppTools::AutoCli::CommandInput::New();
+    auto output = CppTools::AutoCli::CommandOutput::New();
+    const std::vector<std::pair<std::string, std::string>> parameters =
+        parser.GetCommandParameters();
+    const std::vector<std::string> commandPath = parser.GetCommandPath();
+    input->SetDispatcher(kDispatcherName);
+    input->SetCommandPath(commandPath);
+    for (const auto& [name, value] : parameters) {
+      input->AddParameter(name, value);
+    }
+    dispatcher->ExecuteCommand(input, output);
+
+    if (output->HasError()) {
+      for (const std::string& error : output->GetErrors()) {
+        Log_Level(LOG_LEVEL_ERROR, "execution of '%s' failed : %s\n", commandLine.c_str(),
+                  error.c_str());
+      }
+      throw Exception("Executor failed to execute command: " + commandLine);
+    }
+    return kStatusSuccess;
+  } catch (...) {
+    return kStatusFailure;
+  }
+}
+
+void SendStatus(int connection, CommandStatus status) {
+  if (SendRetryingInterrupts(connection, &status, sizeof status) < 0) {
+    Log_Level(LOG_LEVEL_WARNING, "Sending command status to orvane failed\n");
+  }
+}
+
+}  // namespace
+
+// ---- client side
+
+QorcliExecutor::~QorcliExecutor() = default;
+
+std::shared_ptr<QorcliExecutor> QorcliExecutor::Instance() {
+  static const std::shared_ptr<QorcliExecutor> instance = [] {
+    if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+      Log_Level(LOG_LEVEL_WARNING, "Orvane cannot ignore SIGPIPE\n");
+    }
+    return std::shared_ptr<QorcliExecutor>(new QorcliExecutor);
+  }();
+  return instance;
+}
+
+int QorcliExecutor::Connect(bool logFailure) {
+  const int connection = socket(AF_UNIX, SOCK_STREAM, 0);
+  if (connection < 0) {
+    Log_Level(LOG_LEVEL_ERROR, "Failed creating orvane client socket %s\n",
+              ErrorText(errno).c_str());
+    return -1;
+  }
+  if (ConnectTo(connection, ControlSocketAddress()) != 0) {
+    const int error = errno;
+    if (logFailure) {
+      Log_Level(LOG_LEVEL_ERROR, "Failed connecting to executor %s\n", ErrorText(error).c_str());
+    }
+    close(connection);
+    errno = error;
+    return -1;
+  }
+  return connection;
+}
+
+void QorcliExecutor::Reset() {
+  const int probe = Connect(false);
+  // Descriptor 0 counts as not running, like a failed connect.
+  if (probe >= 0) close(probe);
+  if (probe > 0) return;
+
+  Log_Level(LOG_LEVEL_INFO, "Setting up Executor - Reset Requested\n");
+  const pid_t child = fork();
+  if (child < 0) {
+    throw Exception("Failed to fork" + ErrorText(errno));
+  }
+  if (child == 0) {
+    RunExecutorProcess();
+  }
+  // The child exits as soon as the detached executor listens (or it failed).
+  int status = 0;
+  pid_t waited;
+  do {
+    waited = waitpid(child, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  if (waited < 0) {
+    throw Exception("Failed collecting executor's exit status");
+  }
+  if (status != 0) {
+    throw Exception("Orvane executor failed to start");
+  }
+}
+
+void QorcliExecutor::RunExecutorProcess() {
+  try {
+    RedirectStdio(paths::kExecutorOutputLog);
+    OpenControlSocket();
+    // The intermediate process exits 0 here, which tells the parent that
+    // the socket listens: no other readiness signal is needed.
+    if (daemon(0, 1) != 0) {
+      throw Exception("Failed to daemonize");
+    }
+    StartEventLoop();
+    Log_Level(LOG_LEVEL_INFO, "Executor Reset - polling for commands\n");
+    pthread_join(eventLoopThread_, nullptr);
+    close(controlSocket_);
+    _exit(0);
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_ERROR, "Unable to start executor: %s\n", error.what());
+  } catch (...) {
+    Log_Level(LOG_LEVEL_ERROR, "Unable to start executor\n");
+  }
+  _exit(kStartFailureStatus);
+}
+
+void QorcliExecutor::RunCommand(const std::string& commandLine) {
+  int connection = -1;
+  for (int attemptsLeft = kConnectAttempts;;) {
+    connection = Connect(true);
+    if (connection > 0) break;
+    const int connectError = errno;
+    if (connection == 0) close(connection);
+    try {
+      GraphLockGuard graphLock;  // resets are serialised; a second thread finds it running
+      Reset();
+    } catch (const std::exception& error) {
+      Log_Level(LOG_LEVEL_ERROR, "Resetting Executor failed, retrying: %s\n", error.what());
+    } catch (...) {
+      Log_Level(LOG_LEVEL_ERROR, "Resetting Executor failed, retrying\n");
+    }
+    // Ten connects and ten resets, with no pause and no connect after the last.
+    if (--attemptsLeft == 0) {
+      throw Exception("Could not connect to Executor:" + ErrorText(connectError));
+    }
+  }
+
+  // Only the line's characters travel; a short send is not completed.
+  const char* line = commandLine.c_str();
+  if (SendRetryingInterrupts(connection, line, std::strlen(line)) < 0) {
+    const int error = errno;
+    close(connection);
+    throw Exception("Failed sending command to executor: " + ErrorText(error));
+  }
+  CommandStatus status = kStatusFailure;
+  const ssize_t received =
+      ReceiveRetryingInterrupts(connection, &status, sizeof status, MSG_WAITALL);
+  if (received != static_cast<ssize_t>(sizeof status)) {
+    // An executor that closes without a whole status is reported as a reset
+    // connection; a failed recv keeps its own error.
+    const int error = received < 0 ? errno : ECONNRESET;
+    close(connection);
+    throw Exception("Failed to recieve command status from Executor: " + ErrorText(error));
+  }
+  close(connection);
+  if (status != kStatusSuccess) {
+    throw Exception("Executor failed executing qorcli command: " + commandLine);
+  }
+}
+
+void QorcliExecutor::Stop() {
+  const int connection = Connect(false);
+  if (connection < 0) {
+    Log_Level(LOG_LEVEL_INFO, "Executor already gone.\n");
+    return;
+  }
+  if (SendRetryingInterrupts(connection, kStopRequest, kStopRequestLength) < 0) {
+    const int error = errno;
+    close(connection);
+    throw Exception("Failed sending STOP to executor" + ErrorText(error));
+  }
+  // The executor answers a stop request only by closing. The connection is
+  // left open either way: the orchestrator is about to end.
+  char reply[sizeof(CommandStatus)];
+  if (ReceiveRetryingInterrupts(connection, reply, sizeof reply, 0) <= 0) {
+    Log_Level(LOG_LEVEL_INFO, "Executor has been Successfully Stopped\n");
+  }
+}
+
+// ---- executor side
+
+void QorcliExecutor::OpenControlSocket() {
+  controlSocket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (controlSocket_ < 0) {
+    throw Exception("Error opening control socket for executor: " + ErrorText(errno));
+  }
+  // The executor child is single-threaded here, so changing the process's
+  // umask around bind cannot affect another thread's files.
+  const mode_t previousUmask = umask(kControlSocketUmask);
+  const int bound = Bind(controlSocket_, ControlSocketAddress());
+  const int bindError = errno;
+  umask(previousUmask);
+  if (bound != 0) {
+    close(controlSocket_);
+    controlSocket_ = -1;
+    throw Exception("Failed to bind to executor control socket: " + ErrorText(bindError));
+  }
+  if (listen(controlSocket_, kListenBacklog) != 0) {
+    const int error = errno;
+    close(controlSocket_);
+    controlSocket_ = -1;
+    throw Exception("Failed to listen on executor control socket: " + ErrorText(error));
+  }
+}
+
+void QorcliExecutor::StartEventLoop() {
+  if (pthread_create(&eventLoopThread_, nullptr, &QorcliExecutor::EventLoop, this) != 0) {
+    throw Exception("Failed creating Executor Event Loop thread");
+  }
+}
+
+void* QorcliExecutor::EventLoop(void* executor) {
+  // HandleConnection's client data: a copy of the listening descriptor that
+  // lives as long as this thread.
+  int listeningSocket = static_cast<QorcliExecutor*>(executor)->controlSocket_;
+  Poll_InitDefault();
+  if (Poll_Callback(POLL_CLASS_MAIN, kConnectionCallbackFlags, &QorcliExecutor::HandleConnection,
+                    &listeningSocket, POLL_EVENT_DEVICE, listeningSocket,
+                    nullptr) != POLL_SUCCESS) {
+    Log_Level(LOG_LEVEL_ERROR, "Failed setting up Poll Loop for executor\n");
+    return nullptr;
+  }
+  Poll_Loop(POLL_CLASS_MAIN, &executorStopFlag, 0);
+  return nullptr;
+}
+
+void QorcliExecutor::HandleConnection(void* clientData) {
+  const int connection = AcceptConnection(*static_cast<int*>(clientData));
+  if (connection < 0) return;  // the callback stays registered
+  const bool allowed = PeerIsOwnUser(connection);
+
+  char message[kMaxMessageLength + 1];
+  const ssize_t received = ReceiveRetryingInterrupts(connection, message, kMaxMessageLength, 0);
+  if (received < 0) {
+    Log_Level(LOG_LEVEL_WARNING, "Failed to read message from socket - %s\n\n",
+              ErrorText(errno).c_str());
+    close(connection);
+    return;
+  }
+  message[received] = '\0';  // the text counts up to its first NUL
+
+  if (!allowed) {
+    SendStatus(connection, kStatusFailure);
+  } else if (IsStopRequest(message)) {
+    StopEventLoop(clientData);
+  } else {
+    SendStatus(connection, ExecuteCommandLine(message));
+  }
+  close(connection);
+}
+
+}  // namespace orvane
