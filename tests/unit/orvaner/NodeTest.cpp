@@ -14,6 +14,15 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
+// a -> b -> c: b requires a, c requires b.
+struct ChainOfThree {
+  explicit ChainOfThree(RunLog& log) : a("a", log), b("b", log), c("c", log) {
+    b.Requires(a);
+    c.Requires(b);
+  }
+  RecordingPlugin a, b, c;
+};
+
 class NodeTest : public GraphTest {
  protected:
   // A start pass as a run makes it: schedule everything, then wait for everything.
@@ -95,18 +104,16 @@ TEST_F(NodeTest, VertexWaitsForItsPredecessorsAndIdleOnesAreScheduledFirst) {
 }
 
 TEST_F(NodeTest, ChainRunsInDependencyOrderWhateverTheListOrder) {
-  RecordingPlugin a("a", runLog), b("b", runLog), c("c", runLog);
-  b.Requires(a);
-  c.Requires(b);
+  ChainOfThree chain(runLog);
+  auto& [a, b, c] = chain;
   StartPass({&c, &b, &a});
   EXPECT_THAT(runLog.Entries(), ElementsAre("a", "b", "c"));
   EXPECT_EQ(c.State(), NodeState::Started);
 }
 
 TEST_F(NodeTest, ChainOfThreeHasTheExpectedLevels) {
-  RecordingPlugin a("a", runLog), b("b", runLog), c("c", runLog);
-  b.Requires(a);
-  c.Requires(b);
+  ChainOfThree chain(runLog);
+  auto& [a, b, c] = chain;
   EXPECT_EQ(a.Height(), 2);
   EXPECT_EQ(c.Depth(), 2);
   EXPECT_EQ(c.Height(), 0);
@@ -137,9 +144,8 @@ TEST_F(NodeTest, LinkingResetsOnlyTheTwoEndpointsLevels) {
 }
 
 TEST_F(NodeTest, SchedulingLevelIsHeightWhenQueuedForStartAndDepthOtherwise) {
-  RecordingPlugin a("a", runLog), b("b", runLog), c("c", runLog);
-  b.Requires(a);
-  c.Requires(b);
+  ChainOfThree chain(runLog);
+  auto& [a, b, c] = chain;
   EXPECT_EQ(a.SchedulingLevel(), 0);  // Idle: depth
   Executor executor(0, false);
   a.ScheduleStart(executor);
@@ -243,9 +249,8 @@ TEST_F(NodeTest, LevelsOfACycleAreFinite) {
 }
 
 TEST_F(NodeTest, StopPassRunsEveryVertexAfterItsSuccessors) {
-  RecordingPlugin a("a", runLog), b("b", runLog), c("c", runLog);
-  b.Requires(a);
-  c.Requires(b);
+  ChainOfThree chain(runLog);
+  auto& [a, b, c] = chain;
   StopPass({&a, &b, &c});
   EXPECT_THAT(runLog.Entries(), ElementsAre("stop c", "stop b", "stop a"));
   EXPECT_EQ(a.State(), NodeState::Stopped);
