@@ -13,7 +13,10 @@ constexpr std::int64_t kMicrosecondsPerSecond = 1000000;
 
 }  // namespace
 
-Plugin::Plugin(std::string name) : Node(std::move(name), kDefaultSchedulingClass) {}
+Plugin::Plugin(std::string name) : Plugin(std::move(name), kDefaultSchedulingClass) {}
+
+Plugin::Plugin(std::string name, std::uint32_t schedulingClass)
+    : Node(std::move(name), schedulingClass) {}
 
 std::string Plugin::DotAttributes() { return ""; }
 

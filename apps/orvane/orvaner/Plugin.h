@@ -19,6 +19,7 @@ namespace orvane {
 /// times, so no lock guards them.
 class Plugin : public Node {
  public:
+  /// A plugin of the default scheduling class.
   explicit Plugin(std::string name);
 
   std::string DotAttributes() override;
@@ -47,6 +48,9 @@ class Plugin : public Node {
   bool InvokeMethod(const std::string& method);
 
  protected:
+  /// For the kinds that run in another scheduling class (legacy daemons).
+  Plugin(std::string name, std::uint32_t schedulingClass);
+
   std::int32_t apiVersion = -1;
   bool runOnce = false;
   std::string pluginVersion;
