@@ -145,10 +145,13 @@ class TestGraph {
   std::vector<std::unique_ptr<TestVertex>> vertices_;
 };
 
-/// The vertices a pass reaches from the plugin list: a forward pass walks
-/// predecessors, a reverse one successors. A barrier that no plugin waits
-/// for (the top priority level, say) is never reached by a forward pass.
+/// The vertices a pass will reach from the plugin list, asked before it:
+/// a forward pass walks predecessors, a reverse one successors, and neither
+/// walks on from a vertex that has already finished (marked done). So a
+/// barrier that no plugin waits for (the top priority level, say) is never
+/// reached by a forward pass.
 inline std::set<Node*> ReachedByPass(TestGraph& graph, bool forward) {
+  const NodeState finished = forward ? NodeState::Started : NodeState::Stopped;
   std::set<Node*> reached;
   std::vector<Node*> toVisit;
   for (TestVertex* plugin : graph.Plugins()) {
@@ -157,7 +160,7 @@ inline std::set<Node*> ReachedByPass(TestGraph& graph, bool forward) {
   while (!toVisit.empty()) {
     Node* vertex = toVisit.back();
     toVisit.pop_back();
-    if (!reached.insert(vertex).second) {
+    if (!reached.insert(vertex).second || vertex->State() == finished) {
       continue;
     }
     const std::vector<Node*>& next = forward ? vertex->Predecessors() : vertex->Successors();
