@@ -33,7 +33,7 @@ using testgraph::TestVertex;
 // ThreadSanitizer makes every lock and thread start far dearer; the
 // sanitised run checks fewer graphs.
 #if defined(__SANITIZE_THREAD__)
-constexpr int kRandomGraphs = 150;
+constexpr int kRandomGraphs = 500;
 constexpr int kWatchdogSeconds = 600;
 #else
 constexpr int kRandomGraphs = 1200;
