@@ -148,6 +148,43 @@ TEST_F(ReadyListEquivalence, PicksTheVertexTheScanPicksUnderRandomPushesAndPicks
   EXPECT_GT(notFirstArrival, 1000);
 }
 
+// Thousands of vertices without edges: two big groups of ties (classes 1
+// and 3), so a randomised pick chooses among thousands of candidates and
+// many of them have been taken from the middle already.
+TEST_F(ReadyListEquivalence, RandomisedPicksAmongThousandsOfTiesMatchTheScan) {
+  std::mt19937 random(7);
+  std::vector<std::unique_ptr<testgraph::TestVertex>> vertices;
+  for (int index = 0; index < 5000; ++index) {
+    vertices.push_back(std::make_unique<testgraph::TestVertex>(
+        "vertex" + std::to_string(index),
+        random() % 4 == 0 ? Node::kLegacyDaemonSchedulingClass : Node::kDefaultSchedulingClass,
+        nullptr));
+  }
+  ReadyList readyList;
+  ScanList scan;
+  std::size_t pushed = 0;
+  long picks = 0;
+  std::bernoulli_distribution pushNext(0.7);
+  GraphLockGuard lock;
+  while (pushed < vertices.size() || !scan.Empty()) {
+    if (pushed < vertices.size() && (pushNext(random) || scan.Empty())) {
+      readyList.Push(*vertices[pushed]);
+      scan.Push(*vertices[pushed]);
+      ++pushed;
+      continue;
+    }
+    const auto pickSeed = static_cast<unsigned>(picks);
+    std::srand(pickSeed);
+    Node& fromList = readyList.PickNext(true);
+    std::srand(pickSeed);
+    Node& fromScan = scan.PickNext(true, [](Node& node) { return node.SchedulingLevel(); });
+    ASSERT_EQ(fromList.Name(), fromScan.Name()) << "pick " << picks;
+    ++picks;
+  }
+  EXPECT_EQ(picks, 5000);
+  EXPECT_GT(scan.notFirstArrival, 4000);
+}
+
 /// One way of driving a pass: schedule the plugin list one vertex at a time
 /// and run queued vertices one at a time, interleaved at random, on one
 /// thread. Returns the vertices in the order they were picked, as indexes
