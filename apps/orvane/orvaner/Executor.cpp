@@ -91,9 +91,14 @@ void Executor::WorkerLoop() {
   while (!stopping_) {
     while (!readyList_.Empty()) {
       Node& node = PickNext();
+      const bool forward = node.State() == NodeState::QueuedStart;
       lock.Unlock();
-      RunNode(node);
+      node.RunAction(*this, forward);
+      // One taking of the lock serves both the completion and the next
+      // pick: every vertex would otherwise cost the worker three, each a
+      // chance to queue behind the main thread scheduling the plugin list.
       lock.Lock();
+      node.Complete(*this, forward);
       if (stopping_) {
         return;
       }

@@ -80,6 +80,19 @@ void Node::Schedule(Node& start, Executor& executor, const Pass& pass) {
   if (start.state_ == pass.queued || start.state_ == pass.finished) {
     return;
   }
+  if (start.state_ == pass.pending) {
+    // Walked before in this pass, so nothing it waits for is Idle any more
+    // (no vertex goes back to Idle, and the graph is complete before a pass
+    // starts): walking again would schedule nothing and only find out
+    // whether one of them is unfinished, which the first such one answers.
+    // This keeps a vertex released by many predecessors from costing the
+    // square of their number.
+    if (!start.WaitsForUnfinished(pass)) {
+      start.state_ = pass.queued;
+      executor.Enqueue(start);
+    }
+    return;
+  }
   struct Frame {
     Node* node;
     std::size_t next;  // the next vertex to look at among those it waits for
@@ -118,16 +131,33 @@ void Node::Schedule(Node& start, Executor& executor, const Pass& pass) {
   }
 }
 
+bool Node::WaitsForUnfinished(const Pass& pass) const {
+  const std::vector<Node*>& waitFor = this->*pass.waitFor;
+  return std::any_of(waitFor.begin(), waitFor.end(), [&pass](const Node* other) {
+    return other->state_ == pass.pending || other->state_ == pass.queued;
+  });
+}
+
 void Node::RunStart(Executor& executor) {
-  Execute(executor);
-  Finish(executor, kForward);
+  RunAction(executor, true);
+  Complete(executor, true);
 }
 
 void Node::RunStop(Executor& executor) {
-  if (HasReverseAction()) {
+  RunAction(executor, false);
+  Complete(executor, false);
+}
+
+void Node::RunAction(Executor& executor, bool forward) {
+  if (forward) {
+    Execute(executor);
+  } else if (HasReverseAction()) {
     ExecuteReverse(executor);
   }
-  Finish(executor, kReverse);
+}
+
+void Node::Complete(Executor& executor, bool forward) {
+  Finish(executor, forward ? kForward : kReverse);
 }
 
 void Node::Finish(Executor& executor, const Pass& pass) {

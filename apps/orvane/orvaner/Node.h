@@ -95,6 +95,12 @@ class Node {
   void RunStart(Executor& executor);
   /// Called by an executor thread, without the graph lock, for a QueuedStop vertex.
   void RunStop(Executor& executor);
+  /// RunStart (@p forward) or RunStop in its two halves, for a worker that
+  /// keeps the graph lock from one vertex's completion to its next pick:
+  /// the action, called without the lock, then the completion (the new
+  /// state, the release of what waits for this vertex, the wake-up).
+  void RunAction(Executor& executor, bool forward);
+  void Complete(Executor& executor, bool forward);
   /// Block until the state is Started (Stopped). Never call with the graph lock held.
   void WaitStarted();
   void WaitStopped();
@@ -112,6 +118,8 @@ class Node {
   static const Pass kReverse;
 
   static void Schedule(Node& start, Executor& executor, const Pass& pass);
+  /// Whether something this vertex waits for in @p pass is pending or queued.
+  bool WaitsForUnfinished(const Pass& pass) const;
   void Finish(Executor& executor, const Pass& pass);
   void WaitFor(NodeState wanted);
   void ComputeLevels();

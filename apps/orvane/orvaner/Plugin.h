@@ -19,6 +19,7 @@ namespace orvane {
 /// times, so no lock guards them.
 class Plugin : public Node {
  public:
+  /// A plugin of the default scheduling class.
   explicit Plugin(std::string name);
 
   std::string DotAttributes() override;

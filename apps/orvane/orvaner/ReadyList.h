@@ -17,10 +17,11 @@ class Node;
 /// and never seeded here.
 ///
 /// The choice is that of a scan over the whole list in arrival order, but
-/// the list is kept ordered by (class, level, arrival), so a pick costs a
-/// logarithm of the list's length instead of a pass over it. Levels are
-/// asked of a vertex when it is pushed; they do not change while the graph
-/// runs. Callers hold the graph lock.
+/// the vertices are kept in buckets of equal class and level, in arrival
+/// order within each, and the buckets in order of urgency: a pick takes
+/// from the first bucket, at a cost that does not grow with the number of
+/// vertices ready. Levels are asked of a vertex when it is pushed; they do
+/// not change while the graph runs. Callers hold the graph lock.
 class ReadyList {
  public:
   ReadyList();
@@ -41,7 +42,6 @@ class ReadyList {
  private:
   struct Entries;
   std::unique_ptr<Entries> entries_;
-  std::uint64_t arrivals_ = 0;
 };
 
 }  // namespace orvane
