@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "HostCtl/HostCtlException.h"
 #include "ProductState/ProductState.h"
@@ -42,6 +43,25 @@ void AddStandardOutputChannel(const char* identifier, Dictionary* settings) {
   }
 }
 
+std::function<void(const std::string&)>& ReplacementAlertSink() {
+  static std::function<void(const std::string&)> sink;
+  return sink;
+}
+
+void WriteKernelLog(const char* message) {
+  try {
+    ZelkCtl::Util::Sysinfo kernelLog(ZelkCtl::Util::Sysinfo::Node::KernelLog);
+    kernelLog.AddInput(message);
+    kernelLog.Set();
+  } catch (const HostCtl::Lib::HostCtlException& error) {
+    syslog(LOG_ERR, "Exception occurred while logging msg: %s", error.what());
+    syslog(LOG_ERR, "%s", message);
+  } catch (...) {
+    syslog(LOG_ERR, "Unexpected exception while logging msg");
+    syslog(LOG_ERR, "%s", message);
+  }
+}
+
 }  // namespace
 
 void InitLogging(const char* identifier) {
@@ -65,18 +85,21 @@ void LogAlert(const char* format, ...) {
   va_start(arguments, format);
   char* message = Str_SafeVasprintf(nullptr, format, arguments);
   va_end(arguments);
-  try {
-    ZelkCtl::Util::Sysinfo kernelLog(ZelkCtl::Util::Sysinfo::Node::KernelLog);
-    kernelLog.AddInput(message);
-    kernelLog.Set();
-  } catch (const HostCtl::Lib::HostCtlException& error) {
-    syslog(LOG_ERR, "Exception occurred while logging msg: %s", error.what());
-    syslog(LOG_ERR, "%s", message);
-  } catch (...) {
-    syslog(LOG_ERR, "Unexpected exception while logging msg");
-    syslog(LOG_ERR, "%s", message);
+  const auto& sink = ReplacementAlertSink();
+  if (sink) {
+    try {
+      sink(message);
+    } catch (...) {
+      // A test's sink must not make the alert logger throw either.
+    }
+  } else {
+    WriteKernelLog(message);
   }
   std::free(message);
+}
+
+void ReplaceAlertLogSink(std::function<void(const std::string&)> sink) {
+  ReplacementAlertSink() = std::move(sink);
 }
 
 }  // namespace orvane

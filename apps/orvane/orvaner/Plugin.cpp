@@ -1,15 +1,25 @@
 #include "orvaner/Plugin.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/HostProfile.h"
+#include "orvaner/InteractiveConsole.h"
+#include "orvaner/Logging.h"
+#include "orvaner/RunOptions.h"
 
 namespace orvane {
 namespace {
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1000000;
+
+// The virtual terminals the console shows: the boot's own, and the one an
+// operator who lets the boot continue goes back to.
+constexpr int kBootTerminal = 1;
+constexpr int kContinueTerminal = 11;
 
 }  // namespace
 
@@ -17,6 +27,100 @@ Plugin::Plugin(std::string name) : Plugin(std::move(name), kDefaultSchedulingCla
 
 Plugin::Plugin(std::string name, std::uint32_t schedulingClass)
     : Node(std::move(name), schedulingClass) {}
+
+void Plugin::Execute(Executor& /*executor*/) {
+  std::string reason;
+  gettimeofday(&startTime, nullptr);
+  if (!AskOperator()) return;
+
+  const RunOptions& options = RunOptions::Instance();
+  if (options.trace) {
+    Log_Level(LOG_LEVEL_INFO, "starting execution of plugin: %s\n", Name().c_str());
+  }
+  LogAlert("Activating Orvane plugin %s.", Name().c_str());
+  const bool succeeded = RunChosenMethod(reason);
+  Finish(succeeded, reason);
+}
+
+bool Plugin::AskOperator() {
+  RunOptions& options = RunOptions::Instance();
+  if (!options.interactive) return true;
+
+  InteractiveConsole& console = ActivationConsole();
+  std::vector<std::string>& requirements = options.interactiveModeRequires;
+  if (!requirements.empty()) {
+    // Prompting begins only after every listed plugin has been reached; the
+    // one that completes the list still runs unprompted.
+    std::erase(requirements, Name());
+    if (requirements.empty()) console.SwitchConsole(kBootTerminal);
+    return true;
+  }
+
+  console.SwitchConsole(kBootTerminal);
+  const char choice = console.Prompt(Name());
+  switch (choice) {
+    case InteractiveConsole::kContinue:
+      console.ShowChoice(choice);
+      options.interactive = false;
+      console.SwitchConsole(kContinueTerminal);
+      return true;
+    case InteractiveConsole::kSkip:
+      Log_Level(LOG_LEVEL_INFO, "skipping plugin %s (interactive mode request)\n", Name().c_str());
+      console.ShowChoice(choice);
+      return false;
+    case InteractiveConsole::kTroubleshoot:
+      console.ShowChoice(choice);
+      console.RunTroubleshootingShell();
+      return true;
+    default:  // execute
+      console.ShowChoice(choice);
+      return true;
+  }
+}
+
+bool Plugin::RunChosenMethod(std::string& reason) {
+  const std::string& method = RunOptions::Instance().method;
+  try {
+    if (!method.empty()) {
+      if (InvokeMethod(method)) return true;
+      reason += "Method invocation failed";
+      return false;
+    }
+    if (SupportsHostProfile() && HostProfilePresent()) {
+      Log_Level(LOG_LEVEL_INFO, "executing host profile plugin: %s\n", Name().c_str());
+      ApplyHostProfile();
+    } else {
+      Log_Level(LOG_LEVEL_INFO, "executing start plugin: %s\n", Name().c_str());
+      Start();
+    }
+    return true;
+  } catch (const MethodFailedException& failure) {
+    Log_Level(LOG_LEVEL_ERROR, "Method invocation failed: %s\n", failure.what());
+    reason += failure.what();
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_ERROR, "unhandled exception whilst processing %s: %s\n", Name().c_str(),
+              error.what());
+    reason += error.what();
+  } catch (...) {
+    Log_Level(LOG_LEVEL_ERROR, "ignoring unknown exception whilst processing %s ...\n",
+              Name().c_str());
+    reason += "unknown exception";
+  }
+  return false;
+}
+
+void Plugin::Finish(bool succeeded, const std::string& reason) {
+  gettimeofday(&endTime, nullptr);
+  if (RunOptions::Instance().trace) {
+    Log_Level(LOG_LEVEL_INFO, "completed execution of plugin: %s (took %lld us)\n", Name().c_str(),
+              static_cast<long long>(GetElapsedMicroseconds()));
+  }
+  if (succeeded) {
+    LogAlert("Orvane plugin %s activated.", Name().c_str());
+  } else {
+    LogAlert("Orvane plugin %s activation failed: %s", Name().c_str(), reason.c_str());
+  }
+}
 
 std::string Plugin::DotAttributes() { return ""; }
 

@@ -21,6 +21,13 @@ class Plugin : public Node {
  public:
   explicit Plugin(std::string name);
 
+  /// Activates the plugin: optionally asks the operator first (interactive
+  /// runs), announces the activation in the kernel log, runs the method the
+  /// command line named, else the host-profile operation when the host has a
+  /// profile and the kind supports it, else Start; records the times and
+  /// announces the outcome. Every failure is logged; nothing is thrown, and
+  /// the plugin counts as started whatever happened.
+  void Execute(Executor& executor) override;
   std::string DotAttributes() override;
 
   /// Runs the plugin's start work. Reports failure only by throwing,
@@ -57,6 +64,15 @@ class Plugin : public Node {
   std::set<std::string> disablingFlags;
   timeval startTime{};
   timeval endTime{};
+
+ private:
+  /// The interactive gate: false when the operator chose to skip the plugin.
+  bool AskOperator();
+  /// Runs the method chosen for this run; false with @p reason filled when
+  /// it failed. Catches everything.
+  bool RunChosenMethod(std::string& reason);
+  /// Records endTime, logs the trace line and sends the outcome alert.
+  void Finish(bool succeeded, const std::string& reason);
 };
 
 /// The loaded plugins in load order; main owns them for the whole run.

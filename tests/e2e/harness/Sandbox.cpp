@@ -631,6 +631,12 @@ void Sandbox::MakeDevices() {
   fs::create_symlink("/proc/self/fd/2", dev / "stderr");
   fs::create_directory(dev / "shm");
   fs::permissions(dev / "shm", fs::perms::all | fs::perms::sticky_bit);
+  // Pseudo-terminals of the sandbox's own, for programs that play an
+  // operator at a terminal; the host's terminals stay out of reach.
+  fs::create_directory(dev / "pts");
+  MountHere("devpts", dev / "pts", "devpts", MS_NOSUID | MS_NOEXEC,
+            "newinstance,ptmxmode=0666,mode=0620");
+  fs::create_symlink("pts/ptmx", dev / "ptmx");
   // Plain files instead of devices, so that tests can read what was written.
   WriteHostFile(dev / "kmsg", "", 0644);
   WriteHostFile(dev / "console", "", 0644);

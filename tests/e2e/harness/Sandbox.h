@@ -38,7 +38,8 @@ struct RunSettings {
 
 /// A copy-on-write view of this machine's root file system with the staged
 /// installation laid over it, a minimal /dev whose kmsg and console are plain
-/// files and whose log is a socket this object listens on, and a way to run
+/// files, whose log is a socket this object listens on and whose pts is a
+/// private pseudo-terminal instance, and a way to run
 /// programs inside it in their own mount, PID, UTS and IPC namespaces.
 ///
 /// Everything the sandbox or its programs change lives in a tmpfs that is
