@@ -308,6 +308,13 @@ TEST_F(DebugRunE2E, NoDebugConfigurationGivesARunThatDoesNothing) {
   EXPECT_EQ(sandbox_->Kmsg(), "");
 }
 
+TEST_F(DebugRunE2E, DumpModeRunsNoInjection) {
+  WriteDebugConfiguration(Record("inj", "inj"));
+  Orvane({"--dump-dependency-tree=/tmp/graph.dot"});
+  EXPECT_THAT(Recorded(), IsEmpty());
+  EXPECT_THAT(Activations(), IsEmpty());
+}
+
 // ---- the executor process around the run
 
 TEST_F(DebugRunE2E, ExecutorRunsBeforeThePluginsAndStopsAfterThem) {

@@ -112,8 +112,8 @@ void DetachFromCaller() {
   }
 }
 
-// Step 8. Daemon mode takes its plugins from the init.d scripts, which come
-// with the daemon plugins; until then it loads none.
+// Daemon mode takes its plugins from the init.d scripts, which come with the
+// daemon plugins; until then it loads none.
 void LoadPlugins(const RunState& state, LoadedPlugins& plugins) {
   if (state.daemon) {
     return;
@@ -121,7 +121,7 @@ void LoadPlugins(const RunState& state, LoadedPlugins& plugins) {
   EnumeratePlugins(state.pluginList, plugins);
 }
 
-// Step 9. A stateless host always starts its plugins one at a time.
+// The worker count. A stateless host always starts its plugins one at a time.
 void ChooseThreadCount(RunOptions& options, const PluginList& plugins) {
   std::error_code error;
   if (std::filesystem::exists(paths::kStatelessMarker, error)) {
@@ -142,7 +142,7 @@ void StopAll(const PluginList& plugins, Executor& executor) {
   for (Plugin* plugin : plugins) plugin->WaitStopped();
 }
 
-// Step 11: one pass over the graph on a pool that lives as long as the pass.
+// One pass over the graph on a pool that lives as long as the pass.
 void RunPluginPass(const PluginList& plugins, const RunOptions& options, const RunState& state) {
   Executor executor(static_cast<int>(options.threadCount), options.randomize);
   if (state.daemon && options.method == kStopMethod) {
@@ -158,8 +158,9 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
   // The run-once record is written back here outside daemon mode, once it exists.
 }
 
-// Steps 8 to 11; false when a standard exception ended them. In dump mode no
-// plugin runs: the dump itself is step 10, which is not built yet.
+// Loads the plugins and runs them; false when a standard exception ended
+// either. In dump mode no plugin runs; writing the dump itself is not built
+// yet.
 bool LoadAndRunPlugins(RunOptions& options, const RunState& state, LoadedPlugins& plugins) {
   try {
     LoadPlugins(state, plugins);
@@ -205,8 +206,8 @@ int Main(int argc, char* argv[], char* envp[]) {
   LoadedPlugins plugins;
   const bool succeeded = LoadAndRunPlugins(options, state, plugins);
 
-  // Step 13, the closing steps. The profiling log and the init-mode syslog
-  // follow-up are written here once they exist.
+  // The closing steps, whatever became of the plugins. The profiling log and
+  // the init-mode syslog follow-up belong here once they exist.
   if (runsExecutor) {
     StopExecutor();
   }
