@@ -28,8 +28,8 @@ std::vector<std::string> Split(const std::string& text, char separator) {
   return {tokens.begin(), tokens.end()};
 }
 
-}  // namespace
-
+// The entry a trimmed, non-empty line describes; false when the line is not
+// a valid entry.
 bool ParseDebugEntry(const std::string& line, DebugEntry& entry) {
   try {
     std::vector<std::string> fields = Split(line, kFieldSeparator);
@@ -48,6 +48,8 @@ bool ParseDebugEntry(const std::string& line, DebugEntry& entry) {
     return false;
   }
 }
+
+}  // namespace
 
 void ReadDebugConfiguration(std::vector<DebugEntry>& entries, const std::string& path) {
   std::ifstream file(path);

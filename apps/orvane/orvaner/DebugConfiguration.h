@@ -30,8 +30,4 @@ struct DebugEntry {
 void ReadDebugConfiguration(std::vector<DebugEntry>& entries,
                             const std::string& path = paths::kDebugConfiguration);
 
-/// The entry a line of the debug configuration describes, or false when the
-/// line is not a valid entry. @p line is already trimmed and not empty.
-bool ParseDebugEntry(const std::string& line, DebugEntry& entry);
-
 }  // namespace orvane
