@@ -139,7 +139,7 @@ TEST(CommandLineE2E, AcceptedOptionsEndWithZero) {
   for (std::vector<std::string> argv : {
            std::vector<std::string>{kOrvane},
            {kOrvane, "--init", "--parallel", "--plugin-flags=a,b"},
-           {kOrvane, "--invoke", "--method=start", "--plugin=foo", "--randomize=abc"},
+           {kOrvane, "--invoke", "--method=start", "--plugin=foo.debug", "--randomize=abc"},
        }) {
     // The executor leaves its socket file behind; a second one needs it gone.
     sandbox.Remove("/var/run/talvek/orvaneExecutor.sock");

@@ -9,10 +9,15 @@
 #include <exception>
 #include <filesystem>
 
+#include "ZelkCtl/CpuInfo.h"
+#include "ZelkCtl/KernelProgressScreenImpl.h"
 #include "log/Log.h"
 #include "orvane/FixedPaths.h"
 #include "orvaner/CommandLine.h"
+#include "orvaner/Executor.h"
+#include "orvaner/LoadedPlugins.h"
 #include "orvaner/Logging.h"
+#include "orvaner/PluginEnumeration.h"
 #include "orvaner/QorcliExecutor.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
@@ -24,6 +29,8 @@ constexpr int kExitSuccess = 0;
 constexpr int kExitFailure = 1;
 
 constexpr const char* kLogIdentifier = "orvane";
+constexpr const char* kActivatingPlugins = "Activating Orvane Plugins";
+constexpr const char* kStopMethod = "stop";
 
 void ReadStartClock(RunState& state) {
   gettimeofday(&state.startTime, nullptr);
@@ -105,6 +112,70 @@ void DetachFromCaller() {
   }
 }
 
+// Daemon mode takes its plugins from the init.d scripts, which come with the
+// daemon plugins; until then it loads none.
+void LoadPlugins(const RunState& state, LoadedPlugins& plugins) {
+  if (state.daemon) {
+    return;
+  }
+  EnumeratePlugins(state.pluginList, plugins);
+}
+
+// The worker count. A stateless host always starts its plugins one at a time.
+void ChooseThreadCount(RunOptions& options, const PluginList& plugins) {
+  std::error_code error;
+  if (std::filesystem::exists(paths::kStatelessMarker, error)) {
+    options.parallel = false;
+  }
+  options.threadCount =
+      options.parallel ? Executor::ParallelThreadCount(plugins.size(), ZelkCtl::System::CpuCount())
+                       : 1;
+}
+
+void StartAll(const PluginList& plugins, Executor& executor) {
+  for (Plugin* plugin : plugins) plugin->ScheduleStart(executor);
+  for (Plugin* plugin : plugins) plugin->WaitStarted();
+}
+
+void StopAll(const PluginList& plugins, Executor& executor) {
+  for (Plugin* plugin : plugins) plugin->ScheduleStop(executor);
+  for (Plugin* plugin : plugins) plugin->WaitStopped();
+}
+
+// One pass over the graph on a pool that lives as long as the pass.
+void RunPluginPass(const PluginList& plugins, const RunOptions& options, const RunState& state) {
+  Executor executor(static_cast<int>(options.threadCount), options.randomize);
+  if (state.daemon && options.method == kStopMethod) {
+    StopAll(plugins, executor);
+    return;
+  }
+  if (!state.daemon) {
+    ZelkCtl::System::KernelProgressScreenImpl progressScreen;
+    progressScreen.ProgressText(kActivatingPlugins);
+    progressScreen.StatusText("");
+  }
+  StartAll(plugins, executor);
+  // The run-once record is written back here outside daemon mode, once it exists.
+}
+
+// Loads the plugins and runs them; false when a standard exception ended
+// either. In dump mode no plugin runs; writing the dump itself is not built
+// yet.
+bool LoadAndRunPlugins(RunOptions& options, const RunState& state, LoadedPlugins& plugins) {
+  try {
+    LoadPlugins(state, plugins);
+    ChooseThreadCount(options, plugins.List());
+    if (!state.dump) {
+      RunPluginPass(plugins.List(), options, state);
+    }
+    return true;
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_ERROR,
+              "unhandled exception whilst enumerating plugins.\nDetails:\n %s \n\n", error.what());
+    return false;
+  }
+}
+
 }  // namespace
 
 int Main(int argc, char* argv[], char* envp[]) {
@@ -132,11 +203,15 @@ int Main(int argc, char* argv[], char* envp[]) {
   StoreAbsolutePluginDirectory(options, state);
   DetachFromCaller();
 
-  // Closing steps.
+  LoadedPlugins plugins;
+  const bool succeeded = LoadAndRunPlugins(options, state, plugins);
+
+  // The closing steps, whatever became of the plugins. The profiling log and
+  // the init-mode syslog follow-up belong here once they exist.
   if (runsExecutor) {
     StopExecutor();
   }
-  return kExitSuccess;
+  return succeeded ? kExitSuccess : kExitFailure;
 }
 
 }  // namespace orvane

@@ -1,0 +1,41 @@
+#include "orvaner/DebugPlugin.h"
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "log/Log.h"
+#include "orvaner/BarrierRegistry.h"
+#include "orvaner/Exception.h"
+#include "orvaner/Node.h"
+
+namespace orvane {
+
+DebugPlugin::DebugPlugin(std::string name, const std::vector<std::string>& requiredBarriers,
+                         const std::vector<std::string>& providedBarriers, std::string command)
+    : Plugin(std::move(name)), command_(std::move(command)) {
+  for (const std::string& barrier : requiredBarriers) {
+    Requires(*GetBarrier(barrier, true));
+  }
+  for (const std::string& barrier : providedBarriers) {
+    Provides(*GetBarrier(barrier, true));
+  }
+}
+
+void DebugPlugin::Start() {
+  const int status = std::system(command_.c_str());
+  if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+    return;
+  }
+  // The raw status word, not the exit code: exit 1 shows as 0x000100. An
+  // injection must not change the outcome of the boot, so nothing is thrown.
+  Log_Level(LOG_LEVEL_INFO, "debug injection '%s' returned %#08x\n", Name().c_str(),
+            static_cast<unsigned>(status));
+}
+
+void DebugPlugin::ApplyHostProfile() {
+  throw NotImplementedException("DebugPlugin::ApplyHostProfile");
+}
+
+}  // namespace orvane

@@ -1,0 +1,360 @@
+// Plain runs of the installed orvane on the sandboxed host with injections
+// from the debug configuration: the order they run in, the worker pool's
+// options, what is logged, and the executor process around the run.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Sandbox.h"
+#include "SandboxGTest.h"
+
+namespace orvane::testing {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::UnorderedElementsAre;
+
+constexpr const char* kOrvane = "/usr/bin/orvane";
+constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
+constexpr const char* kStatelessMarker = "/stateless.tgz";
+constexpr const char* kRecord = "/tmp/record";
+constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
+
+/// Two injections that each leave a marker and wait up to 3 seconds for the
+/// other's: they meet only when they run at the same time.
+constexpr const char* kRendezvous =
+    "left:::touch /tmp/left; i=0; while [ ! -e /tmp/right ] && [ $i -lt 30 ]; do sleep 0.1; "
+    "i=$((i+1)); done; if [ -e /tmp/right ]; then echo left met; else echo left alone; fi >> "
+    "/tmp/record\n"
+    "right:::touch /tmp/right; i=0; while [ ! -e /tmp/left ] && [ $i -lt 30 ]; do sleep 0.1; "
+    "i=$((i+1)); done; if [ -e /tmp/left ]; then echo right met; else echo right alone; fi >> "
+    "/tmp/record\n";
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+/// The log lines of a run's standard output, without their time stamps.
+std::vector<std::string> LogMessages(const std::string& text) {
+  static const std::regex kLogLine(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z orvane: (.*))");
+  std::vector<std::string> messages;
+  for (const std::string& line : Lines(text)) {
+    std::smatch match;
+    if (std::regex_match(line, match, kLogLine)) messages.push_back(match[1]);
+  }
+  return messages;
+}
+
+/// A line an injection records, one per run of an injection, as an
+/// append to kRecord.
+std::string Record(const std::string& name, const std::string& text) {
+  return name + ":::echo " + text + " >> /tmp/record\n";
+}
+
+/// Where @p entry stands in @p entries; the size when it is absent.
+std::size_t Position(const std::vector<std::string>& entries, const std::string& entry) {
+  return std::find(entries.begin(), entries.end(), entry) - entries.begin();
+}
+
+class DebugRunE2E : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ORVANE_REQUIRE_SANDBOX();
+    sandbox_ = std::make_unique<Sandbox>();
+  }
+
+  void WriteDebugConfiguration(const std::string& content) {
+    sandbox_->WriteFile(kDebugConfiguration, content);
+  }
+
+  /// Runs orvane with @p options; expects it to end by itself.
+  RunResult Orvane(std::vector<std::string> options, const RunSettings& settings = {}) {
+    options.insert(options.begin(), kOrvane);
+    RunResult result = sandbox_->Run(options, settings);
+    EXPECT_FALSE(result.timedOut);
+    messages_ = LogMessages(result.out);
+    return result;
+  }
+
+  /// What the injections recorded, in order.
+  std::vector<std::string> Recorded() {
+    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
+                                     : std::vector<std::string>{};
+  }
+
+  /// The kernel-log records, without their "<priority>orvane: " prefix for
+  /// the informational ones.
+  std::vector<std::string> KernelLog() {
+    std::vector<std::string> records;
+    for (const std::string& line : Lines(sandbox_->Kmsg())) {
+      records.push_back(line.starts_with("<6>orvane: ") ? line.substr(11) : line);
+    }
+    return records;
+  }
+
+  /// The activation lines of the kernel log, in order.
+  std::vector<std::string> Activations() {
+    std::vector<std::string> activations;
+    for (const std::string& record : KernelLog()) {
+      if (record.find("Orvane plugin") != std::string::npos) activations.push_back(record);
+    }
+    return activations;
+  }
+
+  /// Whether orvane's ident sent @p message at @p severity.
+  bool SyslogHas(int severity, const std::string& message) {
+    for (const SyslogRecord& record : sandbox_->Syslog()) {
+      std::string text = record.message;
+      if (text.ends_with('\n')) text.pop_back();
+      if (record.ident == "orvane" && record.severity == severity && text == message) return true;
+    }
+    return false;
+  }
+
+  std::unique_ptr<Sandbox> sandbox_;
+  std::vector<std::string> messages_;
+};
+
+// ---- order
+
+TEST_F(DebugRunE2E, InjectionsRunInDependencyOrderNotFileOrder) {
+  WriteDebugConfiguration(
+      "late:mid::echo late >> /tmp/record\n"
+      "early::base:echo early >> /tmp/record\n"
+      "middle:base:mid:echo middle >> /tmp/record\n");
+  RunResult result = Orvane({});
+  EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
+  EXPECT_THAT(Recorded(), ElementsAre("early", "middle", "late"));
+  EXPECT_THAT(Activations(),
+              ElementsAre("Activating Orvane plugin early.", "Orvane plugin early activated.",
+                          "Activating Orvane plugin middle.", "Orvane plugin middle activated.",
+                          "Activating Orvane plugin late.", "Orvane plugin late activated."));
+}
+
+TEST_F(DebugRunE2E, IndependentInjectionsRunInFileOrderOnOneWorker) {
+  WriteDebugConfiguration(Record("one", "one") + Record("two", "two") + Record("three", "three"));
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("one", "two", "three"));
+}
+
+TEST_F(DebugRunE2E, MissingProviderRaisesItsAlertAndTheRequirerStillRuns) {
+  WriteDebugConfiguration("needy:ghost::echo needy >> /tmp/record\n");
+  RunResult result = Orvane({});
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("needy"));
+  const std::string alert =
+      "Orvane dependency error: Initialization barrier \"ghost\" is not provided by any plugin "
+      "but the following plugins require it: \"needy\"";
+  EXPECT_THAT(KernelLog(), Contains("<1>orvane: " + alert));
+  EXPECT_THAT(messages_, Contains(alert));
+  EXPECT_THAT(Activations(),
+              ElementsAre("Activating Orvane plugin needy.", "Orvane plugin needy activated."));
+}
+
+// ---- the worker pool
+
+TEST_F(DebugRunE2E, WithoutParallelIndependentInjectionsRunOneAfterTheOther) {
+  WriteDebugConfiguration(kRendezvous);
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("left alone", "right met"));
+}
+
+TEST_F(DebugRunE2E, ParallelRunsIndependentInjectionsAtTheSameTime) {
+  WriteDebugConfiguration(kRendezvous);
+  EXPECT_EQ(Orvane({"--parallel"}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), UnorderedElementsAre("left met", "right met"));
+}
+
+TEST_F(DebugRunE2E, StatelessMarkerTurnsParallelOff) {
+  WriteDebugConfiguration(kRendezvous);
+  sandbox_->WriteFile(kStatelessMarker, "");
+  EXPECT_EQ(Orvane({"--parallel"}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("left alone", "right met"));
+}
+
+TEST_F(DebugRunE2E, ParallelStillRespectsDependencies) {
+  WriteDebugConfiguration(
+      "second:gate::sleep 0.3; echo second >> /tmp/record\n"
+      "first::gate:sleep 0.5; echo first >> /tmp/record\n" +
+      Record("free", "free"));
+  EXPECT_EQ(Orvane({"--parallel"}).exitStatus, 0);
+  std::vector<std::string> recorded = Recorded();
+  EXPECT_THAT(recorded, UnorderedElementsAre("first", "second", "free"));
+  EXPECT_LT(Position(recorded, "first"), Position(recorded, "second"));
+}
+
+TEST_F(DebugRunE2E, RandomizeStillRespectsDependencies) {
+  // A chain of four and four free injections, in file order against the chain.
+  std::string configuration;
+  configuration += "c4:b3::echo c4 >> /tmp/record\n";
+  configuration += "c3:b2:b3:echo c3 >> /tmp/record\n";
+  configuration += "c2:b1:b2:echo c2 >> /tmp/record\n";
+  configuration += "c1::b1:echo c1 >> /tmp/record\n";
+  for (const char* name : {"f1", "f2", "f3", "f4"}) configuration += Record(name, name);
+  WriteDebugConfiguration(configuration);
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{"--randomize"}, {"--randomize=7", "--parallel"}}) {
+    // One executor per boot: its socket file stays until the next boot
+    // clears /var/run, which a second run in the same sandbox stands for.
+    sandbox_->Remove(kRecord);
+    sandbox_->Remove(kExecutorSocket);
+    RunResult result = Orvane(options);
+    EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
+    std::vector<std::string> recorded = Recorded();
+    EXPECT_THAT(recorded, UnorderedElementsAre("c1", "c2", "c3", "c4", "f1", "f2", "f3", "f4"));
+    EXPECT_LT(Position(recorded, "c1"), Position(recorded, "c2"));
+    EXPECT_LT(Position(recorded, "c2"), Position(recorded, "c3"));
+    EXPECT_LT(Position(recorded, "c3"), Position(recorded, "c4"));
+  }
+}
+
+// ---- what a run logs
+
+TEST_F(DebugRunE2E, TraceLogsTheStartAndEndOfEveryInjection) {
+  WriteDebugConfiguration(Record("a", "a") + Record("b", "b"));
+  EXPECT_EQ(Orvane({"--trace"}).exitStatus, 0);
+  std::vector<std::string> traced;
+  static const std::regex kTraceLine(
+      R"((starting execution of plugin: \w+)|(completed execution of plugin: \w+) \(took \d+ us\))");
+  for (const std::string& message : messages_) {
+    std::smatch match;
+    if (std::regex_match(message, match, kTraceLine)) {
+      traced.push_back(match[1].matched ? match[1].str() : match[2].str());
+    }
+  }
+  EXPECT_THAT(traced,
+              ElementsAre("starting execution of plugin: a", "completed execution of plugin: a",
+                          "starting execution of plugin: b", "completed execution of plugin: b"));
+}
+
+TEST_F(DebugRunE2E, WithoutTraceNoTraceLines) {
+  WriteDebugConfiguration(Record("a", "a"));
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(messages_, Not(Contains(HasSubstr("execution of plugin"))));
+}
+
+TEST_F(DebugRunE2E, FailingInjectionLogsItsStatusWordAndStillCountsAsActivated) {
+  WriteDebugConfiguration("x::done:exit 1\n" +
+                          std::string("after:done::echo after >> /tmp/record\n"));
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(messages_, Contains("debug injection 'x' returned 0x000100"));
+  EXPECT_TRUE(SyslogHas(LOG_INFO, "debug injection 'x' returned 0x000100"));
+  EXPECT_THAT(Activations(),
+              ElementsAre("Activating Orvane plugin x.", "Orvane plugin x activated.",
+                          "Activating Orvane plugin after.", "Orvane plugin after activated."));
+  EXPECT_THAT(Recorded(), ElementsAre("after"));
+}
+
+TEST_F(DebugRunE2E, MalformedLineIsReportedAndSkipped) {
+  WriteDebugConfiguration(Record("a", "a") + "  broken:line  \n" + Record("b", "b"));
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(messages_, Contains("ignoring malformed debug entry at line 2: broken:line"));
+  EXPECT_TRUE(SyslogHas(LOG_INFO, "ignoring malformed debug entry at line 2: broken:line"));
+  EXPECT_THAT(Recorded(), ElementsAre("a", "b"));
+}
+
+TEST_F(DebugRunE2E, QuotedCommandWithColonsRuns) {
+  WriteDebugConfiguration("inj:::'echo a:b:c >> /tmp/record'\n");
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("a:b:c"));
+}
+
+// ---- which injections take part
+
+TEST_F(DebugRunE2E, PluginListRunsOnlyTheEntriesOfTheNamedInjection) {
+  WriteDebugConfiguration(Record("inj", "inj first") + Record("other", "other") +
+                          Record("inj", "inj second"));
+  EXPECT_EQ(Orvane({"--plugin=inj.debug"}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("inj first", "inj second"));
+}
+
+TEST_F(DebugRunE2E, PluginListWithLibPrefixAndUnknownNames) {
+  WriteDebugConfiguration(Record("inj", "inj") + Record("other", "other"));
+  EXPECT_EQ(Orvane({"--plugin=README,libinj.debug,notes.txt"}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("inj"));
+  EXPECT_THAT(messages_, Contains("ignoring plugin 'README' of unspecified type..."));
+  EXPECT_THAT(messages_, Contains("ignoring plugin 'notes.txt' of unknown type (txt)..."));
+  EXPECT_TRUE(SyslogHas(LOG_WARNING, "ignoring plugin 'notes.txt' of unknown type (txt)..."));
+}
+
+TEST_F(DebugRunE2E, EmptyDebugConfigurationGivesARunThatDoesNothing) {
+  WriteDebugConfiguration("\n   \n");
+  RunResult result = Orvane({"--parallel"});
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_THAT(messages_, ElementsAre("Launching Executor", "Setting up Executor - Reset Requested",
+                                     "Executor has been Successfully Stopped"));
+  EXPECT_EQ(sandbox_->Kmsg(), "");
+}
+
+TEST_F(DebugRunE2E, NoDebugConfigurationGivesARunThatDoesNothing) {
+  RunResult result = Orvane({});
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_THAT(messages_, ElementsAre("Launching Executor", "Setting up Executor - Reset Requested",
+                                     "Executor has been Successfully Stopped"));
+  EXPECT_EQ(sandbox_->Kmsg(), "");
+}
+
+TEST_F(DebugRunE2E, DumpModeRunsNoInjection) {
+  WriteDebugConfiguration(Record("inj", "inj"));
+  Orvane({"--dump-dependency-tree=/tmp/graph.dot"});
+  EXPECT_THAT(Recorded(), IsEmpty());
+  EXPECT_THAT(Activations(), IsEmpty());
+}
+
+// ---- the executor process around the run
+
+TEST_F(DebugRunE2E, ExecutorRunsBeforeThePluginsAndStopsAfterThem) {
+  WriteDebugConfiguration(
+      "probe:::test -S /var/run/talvek/orvaneExecutor.sock && echo executor up >> /tmp/record; "
+      "exit 1\n");
+  EXPECT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("executor up"));
+  EXPECT_THAT(messages_, ElementsAre("Launching Executor", "Setting up Executor - Reset Requested",
+                                     "executing start plugin: probe",
+                                     "debug injection 'probe' returned 0x000100",
+                                     "Executor has been Successfully Stopped"));
+}
+
+// ---- interactive mode
+
+TEST_F(DebugRunE2E, InteractiveSkipAndExecuteChooseWhichInjectionsRun) {
+  WriteDebugConfiguration(Record("a", "a") + Record("b", "b"));
+  RunSettings settings;
+  settings.stdinText = "se";
+  EXPECT_EQ(Orvane({"--interactive"}, settings).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("b"));
+  // On standard output the line follows the prompt's, so look in syslog.
+  EXPECT_TRUE(SyslogHas(LOG_INFO, "skipping plugin a (interactive mode request)"));
+  EXPECT_THAT(Activations(),
+              ElementsAre("Activating Orvane plugin b.", "Orvane plugin b activated."));
+}
+
+TEST_F(DebugRunE2E, InteractiveContinueRunsTheRestWithoutPrompting) {
+  WriteDebugConfiguration(Record("a", "a") + Record("b", "b") + Record("c", "c"));
+  RunSettings settings;
+  settings.stdinText = "c";
+  RunResult result = Orvane({"--interactive"}, settings);
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("a", "b", "c"));
+  EXPECT_THAT(result.out, HasSubstr("current plugin: \x1b[36m"
+                                    "a\n"));
+  EXPECT_THAT(result.out, Not(HasSubstr("current plugin: \x1b[36m"
+                                        "b")));
+}
+
+}  // namespace
+}  // namespace orvane::testing

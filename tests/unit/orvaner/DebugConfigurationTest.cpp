@@ -1,0 +1,217 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "log/Log.h"
+#include "orvaner/DebugConfiguration.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+/// The entry's fields as one comparable value.
+struct Fields {
+  std::string name;
+  std::vector<std::string> requiredBarriers;
+  std::vector<std::string> providedBarriers;
+  std::string command;
+  bool operator==(const Fields&) const = default;
+};
+
+Fields FieldsOf(const DebugEntry& entry) {
+  return {entry.name, entry.requiredBarriers, entry.providedBarriers, entry.command};
+}
+
+void PrintTo(const Fields& fields, std::ostream* out) {
+  *out << "{" << ::testing::PrintToString(fields.name) << ", "
+       << ::testing::PrintToString(fields.requiredBarriers) << ", "
+       << ::testing::PrintToString(fields.providedBarriers) << ", "
+       << ::testing::PrintToString(fields.command) << "}";
+}
+
+/// Writes debug configurations into a private temporary file, reads them back
+/// and keeps what the reader logged (before logging is set up, the logging
+/// library writes to standard error).
+class DebugConfigurationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Log_Exit();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "debugconf-test.XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed for " + pattern);
+    }
+    directory_ = pattern;
+    path_ = (directory_ / "debug.conf").string();
+  }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
+
+  std::vector<Fields> Read(const std::string& content) {
+    std::ofstream(path_, std::ios::binary) << content;
+    return ReadPath(path_);
+  }
+
+  std::vector<Fields> ReadPath(const std::string& path) {
+    std::vector<DebugEntry> entries;
+    ::testing::internal::CaptureStderr();
+    ReadDebugConfiguration(entries, path);
+    logged = ::testing::internal::GetCapturedStderr();
+    std::vector<Fields> fields;
+    for (const DebugEntry& entry : entries) fields.push_back(FieldsOf(entry));
+    return fields;
+  }
+
+  std::filesystem::path directory_;
+  std::string path_;
+  std::string logged;
+};
+
+TEST_F(DebugConfigurationTest, NameRequiresProvidesAndCommand) {
+  EXPECT_THAT(Read("inj:a,b:c:echo hi\n"),
+              ElementsAre(Fields{"inj", {"a", "b"}, {"c"}, "echo hi"}));
+  EXPECT_EQ(logged, "");
+}
+
+TEST_F(DebugConfigurationTest, EntriesComeInFileOrder) {
+  EXPECT_THAT(Read("second:::true\nfirst:::false\nsecond:x::true\n"),
+              ElementsAre(Fields{"second", {}, {}, "true"}, Fields{"first", {}, {}, "false"},
+                          Fields{"second", {"x"}, {}, "true"}));
+}
+
+TEST_F(DebugConfigurationTest, LastLineWithoutLineEndIsRead) {
+  EXPECT_THAT(Read("a:::true\nb:::false"),
+              ElementsAre(Fields{"a", {}, {}, "true"}, Fields{"b", {}, {}, "false"}));
+}
+
+TEST_F(DebugConfigurationTest, QuotedCommandKeepsItsColons) {
+  EXPECT_THAT(Read("inj:a:b:'date +%H:%M:%S'\n"),
+              ElementsAre(Fields{"inj", {"a"}, {"b"}, "date +%H:%M:%S"}));
+  EXPECT_THAT(Read("inj:::\"echo a:b\"\n"), ElementsAre(Fields{"inj", {}, {}, "echo a:b"}));
+}
+
+TEST_F(DebugConfigurationTest, UnquotedColonInTheCommandMakesTheLineMalformed) {
+  EXPECT_THAT(Read("ok:::true\ninj:a:b:date +%H:%M\n"), ElementsAre(Fields{"ok", {}, {}, "true"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 2: inj:a:b:date +%H:%M\n"));
+}
+
+TEST_F(DebugConfigurationTest, ThreeFieldsAreReportedWithTheOneBasedLineNumber) {
+  EXPECT_THAT(Read("a:::true\n\nb:x:y\nc:::true\n"),
+              ElementsAre(Fields{"a", {}, {}, "true"}, Fields{"c", {}, {}, "true"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 3: b:x:y\n"));
+  EXPECT_THAT(logged, Not(HasSubstr("line 1")));
+  EXPECT_THAT(logged, Not(HasSubstr("line 4")));
+}
+
+TEST_F(DebugConfigurationTest, OneFieldAndFiveFieldsAreMalformedToo) {
+  EXPECT_THAT(Read("justaname\na:b:c:d:e\n"), IsEmpty());
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 1: justaname\n"));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 2: a:b:c:d:e\n"));
+}
+
+TEST_F(DebugConfigurationTest, LinesAreTrimmedBeforeSplittingAndReporting) {
+  EXPECT_THAT(Read("  \t inj : a : b : echo hi \t \r\n   bad:line  \n"),
+              ElementsAre(Fields{"inj ", {" a "}, {" b "}, " echo hi"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 2: bad:line\n"));
+}
+
+TEST_F(DebugConfigurationTest, BlankLinesAreSkippedSilentlyButCounted) {
+  EXPECT_THAT(Read("\n   \n\t\n\r\nbroken\n"), IsEmpty());
+  EXPECT_EQ(logged.find("ignoring malformed"), logged.rfind("ignoring malformed"));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 5: broken\n"));
+}
+
+TEST_F(DebugConfigurationTest, HashLinesAreNotComments) {
+  EXPECT_THAT(Read("# a comment\n#x:::echo four fields\n"),
+              ElementsAre(Fields{"#x", {}, {}, "echo four fields"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 1: # a comment\n"));
+}
+
+TEST_F(DebugConfigurationTest, EscapesMakeTheNextCharacterLiteralAndAreRemoved) {
+  EXPECT_THAT(Read(R"(in\:j:a,b:c:echo \"x\" \'y\' \\ z\: w)"),
+              ElementsAre(Fields{"in:j", {"a", "b"}, {"c"}, R"(echo "x" 'y' \ z: w)"}));
+}
+
+TEST_F(DebugConfigurationTest, EscapedCommaInTheFirstSplitIsMalformed) {
+  // The first split knows only its own separator, the quotes, the escape
+  // character and "n" after an escape.
+  EXPECT_THAT(Read(R"(inj:a\,b:c:true)"), IsEmpty());
+  EXPECT_THAT(logged, HasSubstr(R"(ignoring malformed debug entry at line 1: inj:a\,b:c:true)"));
+}
+
+TEST_F(DebugConfigurationTest, BarrierNameWithACommaNeedsQuotesThatSurviveTheFirstSplit) {
+  EXPECT_THAT(Read(R"(inj:\"a,b\",c::true)"), ElementsAre(Fields{"inj", {"a,b", "c"}, {}, "true"}));
+}
+
+TEST_F(DebugConfigurationTest, QuotesAroundABarrierFieldOnlyProtectTheFirstSplit) {
+  EXPECT_THAT(Read(R"(inj:'a:b,c':"d,e":true)"),
+              ElementsAre(Fields{"inj", {"a:b", "c"}, {"d", "e"}, "true"}));
+}
+
+TEST_F(DebugConfigurationTest, EitherQuoteCharacterEndsAQuote) {
+  // The quote characters are not paired: the apostrophe closes the double
+  // quote and the last double quote opens one that protects the colon.
+  EXPECT_THAT(Read(R"(inj:::echo "it's":x)"), ElementsAre(Fields{"inj", {}, {}, "echo its:x"}));
+}
+
+TEST_F(DebugConfigurationTest, BackslashNIsALineEnd) {
+  EXPECT_THAT(Read(R"(inj:::printf 'a\nb')"), ElementsAre(Fields{"inj", {}, {}, "printf a\nb"}));
+}
+
+TEST_F(DebugConfigurationTest, EmptyBarrierFieldsGiveEmptyListsAndEmptyItemsStay) {
+  EXPECT_THAT(
+      Read("inj:::true\nx:a,,b,:,:\n"),
+      ElementsAre(Fields{"inj", {}, {}, "true"}, Fields{"x", {"a", "", "b", ""}, {"", ""}, ""}));
+}
+
+TEST_F(DebugConfigurationTest, EmptyNameAndCommandAreAccepted) {
+  EXPECT_THAT(Read(":::\n"), ElementsAre(Fields{"", {}, {}, ""}));
+}
+
+TEST_F(DebugConfigurationTest, UnterminatedQuoteRunsToTheEndOfTheLine) {
+  EXPECT_THAT(Read("inj:::echo 'a:b\n"), ElementsAre(Fields{"inj", {}, {}, "echo a:b"}));
+}
+
+TEST_F(DebugConfigurationTest, UnknownEscapeOrTrailingBackslashIsMalformedAndReadingGoesOn) {
+  EXPECT_THAT(Read("a:::echo \\x\nb:::true\nc:::echo \\\n"),
+              ElementsAre(Fields{"b", {}, {}, "true"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 1: a:::echo \\x\n"));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 3: c:::echo \\\n"));
+}
+
+TEST_F(DebugConfigurationTest, BadEscapeLeftForTheBarrierSplitIsMalformed) {
+  EXPECT_THAT(Read(R"(inj:a\\x::true)"), IsEmpty());
+  EXPECT_THAT(logged, HasSubstr(R"(ignoring malformed debug entry at line 1: inj:a\\x::true)"));
+}
+
+TEST_F(DebugConfigurationTest, MissingFileGivesNoEntriesAndNoMessage) {
+  EXPECT_THAT(ReadPath((directory_ / "absent.conf").string()), IsEmpty());
+  EXPECT_EQ(logged, "");
+}
+
+TEST_F(DebugConfigurationTest, DirectoryGivesNoEntries) {
+  EXPECT_THAT(ReadPath(directory_.string()), IsEmpty());
+}
+
+TEST_F(DebugConfigurationTest, EntriesAreAppendedToTheCallersList) {
+  std::ofstream(path_) << "new:::true\n";
+  std::vector<DebugEntry> entries(1);
+  entries[0].name = "old";
+  ReadDebugConfiguration(entries, path_);
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].name, "old");
+  EXPECT_EQ(entries[1].name, "new");
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,209 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "log/Log.h"
+#include "orvaner/BarrierRegistry.h"
+#include "orvaner/DebugPlugin.h"
+#include "orvaner/Exception.h"
+#include "orvaner/Executor.h"
+#include "orvaner/Logging.h"
+#include "orvaner/RunOptions.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+/// Plugins linked into the process-wide barrier registry stay alive as long
+/// as the registry, which keeps references to them.
+DebugPlugin& KeptForTheProcess(std::unique_ptr<DebugPlugin> plugin) {
+  static std::deque<std::unique_ptr<DebugPlugin>> kept;
+  kept.push_back(std::move(plugin));
+  return *kept.back();
+}
+
+/// A barrier name that no other test uses, since the registry is shared.
+std::string BarrierName(const std::string& name) {
+  return std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "." + name;
+}
+
+class DebugPluginTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Log_Exit();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "debugplugin-test.XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed for " + pattern);
+    }
+    directory_ = pattern;
+  }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
+
+  /// Runs Start of a barrier-free injection of @p command and returns what
+  /// it logged (standard error, before logging is set up).
+  std::string StartLogged(const std::string& name, const std::string& command) {
+    DebugPlugin plugin(name, {}, {}, command);
+    ::testing::internal::CaptureStderr();
+    EXPECT_NO_THROW(plugin.Start());
+    return ::testing::internal::GetCapturedStderr();
+  }
+
+  std::string ReadFile(const std::string& name) {
+    std::ifstream stream(directory_ / name);
+    std::stringstream content;
+    content << stream.rdbuf();
+    return content.str();
+  }
+
+  std::filesystem::path directory_;
+};
+
+TEST_F(DebugPluginTest, ConstructionLinksRequiredThenProvidedBarriersInOrder) {
+  DebugPlugin& plugin = KeptForTheProcess(std::make_unique<DebugPlugin>(
+      "inj", std::vector<std::string>{BarrierName("a"), BarrierName("b")},
+      std::vector<std::string>{BarrierName("c"), BarrierName("d")}, "echo hi"));
+  Node* a = GetBarrier(BarrierName("a"), false);
+  Node* b = GetBarrier(BarrierName("b"), false);
+  Node* c = GetBarrier(BarrierName("c"), false);
+  Node* d = GetBarrier(BarrierName("d"), false);
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  ASSERT_NE(c, nullptr);
+  ASSERT_NE(d, nullptr);
+  EXPECT_THAT(plugin.Predecessors(), ElementsAre(a, b));
+  EXPECT_THAT(plugin.Successors(), ElementsAre(c, d));
+  EXPECT_THAT(a->Successors(), ElementsAre(&plugin));
+  EXPECT_THAT(c->Predecessors(), ElementsAre(&plugin));
+  EXPECT_EQ(plugin.Name(), "inj");
+  EXPECT_EQ(plugin.Command(), "echo hi");
+}
+
+TEST_F(DebugPluginTest, ExistingBarrierIsSharedByTwoInjections) {
+  DebugPlugin& provider = KeptForTheProcess(std::make_unique<DebugPlugin>(
+      "first", std::vector<std::string>{}, std::vector<std::string>{BarrierName("x")}, "true"));
+  DebugPlugin& requirer = KeptForTheProcess(std::make_unique<DebugPlugin>(
+      "second", std::vector<std::string>{BarrierName("x")}, std::vector<std::string>{}, "true"));
+  Node* barrier = GetBarrier(BarrierName("x"), false);
+  EXPECT_THAT(barrier->Predecessors(), ElementsAre(&provider));
+  EXPECT_THAT(barrier->Successors(), ElementsAre(&requirer));
+}
+
+TEST_F(DebugPluginTest, InjectionWithoutBarriersHasNoEdgesAndTheInitialDeclarations) {
+  DebugPlugin plugin("lonely", {}, {}, "true");
+  EXPECT_THAT(plugin.Predecessors(), IsEmpty());
+  EXPECT_THAT(plugin.Successors(), IsEmpty());
+  EXPECT_EQ(plugin.GetApiVersion(), -1);
+  EXPECT_FALSE(plugin.IsRunOnce());
+  EXPECT_EQ(plugin.GetPluginVersion(), "");
+  EXPECT_THAT(plugin.GetRequiredFlags(), IsEmpty());
+  EXPECT_THAT(plugin.GetDisablingFlags(), IsEmpty());
+  EXPECT_EQ(plugin.SchedulingClass(), Node::kDefaultSchedulingClass);
+  EXPECT_EQ(plugin.State(), NodeState::Idle);
+}
+
+TEST_F(DebugPluginTest, StartRunsTheCommandThroughTheShell) {
+  const std::string output = (directory_ / "out").string();
+  EXPECT_EQ(StartLogged("inj", "echo one > " + output + " && printf two >> " + output), "");
+  EXPECT_EQ(ReadFile("out"), "one\ntwo");
+}
+
+TEST_F(DebugPluginTest, ExitOneLogsTheRawStatusWord) {
+  std::string logged = StartLogged("inj", "exit 1");
+  EXPECT_THAT(logged, ::testing::EndsWith("debug injection 'inj' returned 0x000100\n"));
+}
+
+TEST_F(DebugPluginTest, OtherExitCodesLogTheirStatusWords) {
+  EXPECT_THAT(StartLogged("three", "exit 3"),
+              ::testing::EndsWith("debug injection 'three' returned 0x000300\n"));
+  EXPECT_THAT(StartLogged("max", "exit 255"),
+              ::testing::EndsWith("debug injection 'max' returned 0x00ff00\n"));
+}
+
+TEST_F(DebugPluginTest, MissingProgramLogsTheShellsStatus) {
+  EXPECT_THAT(StartLogged("gone", "/nonexistent/program"),
+              ::testing::EndsWith("debug injection 'gone' returned 0x007f00\n"));
+}
+
+TEST_F(DebugPluginTest, ShellKilledByASignalLogsTheSignalInTheStatusWord) {
+  EXPECT_THAT(StartLogged("term", "kill -TERM $$"),
+              ::testing::EndsWith("debug injection 'term' returned 0x00000f\n"));
+  EXPECT_THAT(StartLogged("kill", "kill -KILL $$"),
+              ::testing::EndsWith("debug injection 'kill' returned 0x000009\n"));
+}
+
+TEST_F(DebugPluginTest, SystemFailingLogsMinusOne) {
+  // With SIGCHLD ignored the shell is reaped by the kernel, so system()
+  // cannot collect its status and returns -1.
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  struct sigaction previous {};
+  ASSERT_EQ(sigaction(SIGCHLD, &ignore, &previous), 0);
+  std::string logged = StartLogged("lost", "true");
+  sigaction(SIGCHLD, &previous, nullptr);
+  EXPECT_THAT(logged, ::testing::EndsWith("debug injection 'lost' returned 0xffffffff\n"));
+}
+
+TEST_F(DebugPluginTest, InvokeStartOfAFailingInjectionSucceeds) {
+  DebugPlugin plugin("inj", {}, {}, "exit 1");
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(plugin.InvokeMethod("start"));
+  ::testing::internal::GetCapturedStderr();
+}
+
+TEST_F(DebugPluginTest, FailingInjectionIsStillActivatedAndReleasesItsDependants) {
+  DebugPlugin& failing = KeptForTheProcess(
+      std::make_unique<DebugPlugin>("failing", std::vector<std::string>{},
+                                    std::vector<std::string>{BarrierName("done")}, "exit 1"));
+  const std::string output = (directory_ / "after").string();
+  DebugPlugin& after = KeptForTheProcess(
+      std::make_unique<DebugPlugin>("after", std::vector<std::string>{BarrierName("done")},
+                                    std::vector<std::string>{}, "echo ran > " + output));
+  RunOptions& options = RunOptions::Instance();
+  ASSERT_FALSE(options.interactive);
+  ASSERT_TRUE(options.method.empty());
+  std::vector<std::string> kernelLog;
+  ReplaceAlertLogSink([&kernelLog](const std::string& line) { kernelLog.push_back(line); });
+  ::testing::internal::CaptureStderr();
+  {
+    Executor executor(1, false);
+    failing.ScheduleStart(executor);
+    after.ScheduleStart(executor);
+    failing.WaitStarted();
+    after.WaitStarted();
+  }
+  const std::string logged = ::testing::internal::GetCapturedStderr();
+  ReplaceAlertLogSink({});
+  EXPECT_THAT(logged, ::testing::HasSubstr("debug injection 'failing' returned 0x000100\n"));
+  EXPECT_THAT(kernelLog,
+              ElementsAre("Activating Orvane plugin failing.", "Orvane plugin failing activated.",
+                          "Activating Orvane plugin after.", "Orvane plugin after activated."));
+  EXPECT_EQ(ReadFile("after"), "ran\n");
+}
+
+TEST_F(DebugPluginTest, HasNoHostProfileStep) {
+  DebugPlugin plugin("inj", {}, {}, "true");
+  EXPECT_FALSE(plugin.SupportsHostProfile());
+  try {
+    plugin.ApplyHostProfile();
+    ADD_FAILURE() << "ApplyHostProfile did not throw";
+  } catch (const NotImplementedException& error) {
+    EXPECT_STREQ(error.what(), "method `DebugPlugin::ApplyHostProfile' is not implemented");
+  }
+}
+
+}  // namespace
+}  // namespace orvane
