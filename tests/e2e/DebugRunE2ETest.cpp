@@ -179,6 +179,23 @@ TEST_F(DebugRunE2E, ParallelRunsIndependentInjectionsAtTheSameTime) {
   EXPECT_THAT(Recorded(), UnorderedElementsAre("left met", "right met"));
 }
 
+TEST_F(DebugRunE2E, HangingInjectionHoldsOnlyItsOwnWorker) {
+  // "hang" holds its worker until the injections after it have all run on
+  // the other worker (or gives up after 10 seconds, which would mean they
+  // waited for it).
+  WriteDebugConfiguration(
+      "hang:::i=0; while [ ! -e /tmp/released ] && [ $i -lt 100 ]; do sleep 0.1; i=$((i+1)); "
+      "done; if [ -e /tmp/released ]; then echo hang released; else echo hang gave up; fi >> "
+      "/tmp/record\n" +
+      Record("first", "first") + Record("second", "second") +
+      "release:::echo release >> /tmp/record; touch /tmp/released\n");
+  EXPECT_EQ(Orvane({"--parallel"}).exitStatus, 0);
+  const std::vector<std::string> recorded = Recorded();
+  EXPECT_THAT(recorded, UnorderedElementsAre("first", "second", "release", "hang released"));
+  ASSERT_FALSE(recorded.empty());
+  EXPECT_EQ(recorded.back(), "hang released");
+}
+
 TEST_F(DebugRunE2E, StatelessMarkerTurnsParallelOff) {
   WriteDebugConfiguration(kRendezvous);
   sandbox_->WriteFile(kStatelessMarker, "");

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -201,6 +202,55 @@ TEST_F(DebugConfigurationTest, MissingFileGivesNoEntriesAndNoMessage) {
 
 TEST_F(DebugConfigurationTest, DirectoryGivesNoEntries) {
   EXPECT_THAT(ReadPath(directory_.string()), IsEmpty());
+}
+
+// ---- bad input
+
+/// How many times @p needle occurs in @p text.
+std::size_t Occurrences(const std::string& text, const std::string& needle) {
+  std::size_t count = 0;
+  for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(DebugConfigurationTest, JunkLinesAreEachReportedOnceAndTheGoodOnesStillLoad) {
+  std::string junk = "good1:::true\n";
+  std::mt19937 random(20261121);
+  // Bytes of every value but the line end, so that each junk line stays one line.
+  std::uniform_int_distribution<int> byte(0, 255);
+  constexpr int kJunkLines = 200;
+  for (int line = 0; line < kJunkLines; ++line) {
+    std::string bytes;
+    for (int i = 0; i < 40; ++i) {
+      char value = static_cast<char>(byte(random));
+      bytes += value == '\n' ? 'x' : value;
+    }
+    junk += bytes + "\n";
+  }
+  junk += std::string(100000, 'a') + "\n";              // one very long malformed line
+  junk += "long:::" + std::string(100000, 'b') + "\n";  // and a very long good one
+  junk += "good2:a:b:true\n";
+  std::vector<Fields> entries = Read(junk);
+
+  // Every junk line is reported at most once; the few that happen to split
+  // into four fields are entries, so reports and entries account for all.
+  const std::size_t reports = Occurrences(logged, "ignoring malformed debug entry at line ");
+  std::size_t junkEntries = entries.size() - 3;
+  EXPECT_EQ(reports + junkEntries, static_cast<std::size_t>(kJunkLines) + 1);
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 202: "));
+  ASSERT_GE(entries.size(), 3u);
+  EXPECT_EQ(entries.front(), (Fields{"good1", {}, {}, "true"}));
+  EXPECT_EQ(entries[entries.size() - 2], (Fields{"long", {}, {}, std::string(100000, 'b')}));
+  EXPECT_EQ(entries.back(), (Fields{"good2", {"a"}, {"b"}, "true"}));
+}
+
+TEST_F(DebugConfigurationTest, NulBytesInALineDoNotEndIt) {
+  const std::string line("nul:::echo a\0b", 14);
+  EXPECT_THAT(Read(line + "\nafter:::true\n"),
+              ElementsAre(Fields{"nul", {}, {}, std::string("echo a\0b", 8)},
+                          Fields{"after", {}, {}, "true"}));
 }
 
 TEST_F(DebugConfigurationTest, EntriesAreAppendedToTheCallersList) {
