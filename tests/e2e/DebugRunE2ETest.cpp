@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
 
@@ -40,24 +41,6 @@ constexpr const char* kRendezvous =
     "right:::touch /tmp/right; i=0; while [ ! -e /tmp/left ] && [ $i -lt 30 ]; do sleep 0.1; "
     "i=$((i+1)); done; if [ -e /tmp/left ]; then echo right met; else echo right alone; fi >> "
     "/tmp/record\n";
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-/// The log lines of a run's standard output, without their time stamps.
-std::vector<std::string> LogMessages(const std::string& text) {
-  static const std::regex kLogLine(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z orvane: (.*))");
-  std::vector<std::string> messages;
-  for (const std::string& line : Lines(text)) {
-    std::smatch match;
-    if (std::regex_match(line, match, kLogLine)) messages.push_back(match[1]);
-  }
-  return messages;
-}
 
 /// A line an injection records, one per run of an injection, as an
 /// append to kRecord.

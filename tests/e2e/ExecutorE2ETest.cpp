@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
 
@@ -49,24 +50,6 @@ constexpr const char* kDefinitionText = R"({
 constexpr const char* kRecorderScript = "#!/bin/sh\nprintf '%s\\n' \"$*\" >> /tmp/recorded-args\n";
 
 const std::string kRecordPrefix = "test record --text ";
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-/// The log lines of a text, without their time stamps, in order.
-std::vector<std::string> LogMessages(const std::string& text) {
-  static const std::regex kLogLine(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z orvane: (.*))");
-  std::vector<std::string> messages;
-  for (const std::string& line : Lines(text)) {
-    std::smatch match;
-    if (std::regex_match(line, match, kLogLine)) messages.push_back(match[1]);
-  }
-  return messages;
-}
 
 /// A sandbox with the probe, the recorder and the test command definitions.
 class ExecutorE2E : public ::testing::Test {

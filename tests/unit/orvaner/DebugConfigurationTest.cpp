@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "TemporaryDirectory.h"
 #include "log/Log.h"
 #include "orvaner/DebugConfiguration.h"
 
@@ -48,15 +49,8 @@ class DebugConfigurationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Log_Exit();
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "debugconf-test.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed for " + pattern);
-    }
-    directory_ = pattern;
     path_ = (directory_ / "debug.conf").string();
   }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
 
   std::vector<Fields> Read(const std::string& content) {
     std::ofstream(path_, std::ios::binary) << content;
@@ -73,7 +67,8 @@ class DebugConfigurationTest : public ::testing::Test {
     return fields;
   }
 
-  std::filesystem::path directory_;
+  unit_testing::TemporaryDirectory temporary_;
+  const std::filesystem::path& directory_ = temporary_.Path();
   std::string path_;
   std::string logged;
 };

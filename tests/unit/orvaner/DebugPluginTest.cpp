@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "TemporaryDirectory.h"
 #include "log/Log.h"
 #include "orvaner/BarrierRegistry.h"
 #include "orvaner/DebugPlugin.h"
@@ -42,16 +43,7 @@ std::string BarrierName(const std::string& name) {
 
 class DebugPluginTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Log_Exit();
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "debugplugin-test.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed for " + pattern);
-    }
-    directory_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
+  void SetUp() override { Log_Exit(); }
 
   /// Runs Start of a barrier-free injection of @p command and returns what
   /// it logged (standard error, before logging is set up).
@@ -69,7 +61,8 @@ class DebugPluginTest : public ::testing::Test {
     return content.str();
   }
 
-  std::filesystem::path directory_;
+  unit_testing::TemporaryDirectory temporary_;
+  const std::filesystem::path& directory_ = temporary_.Path();
 };
 
 TEST_F(DebugPluginTest, ConstructionLinksRequiredThenProvidedBarriersInOrder) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "TemporaryDirectory.h"
 #include "log/Log.h"
 #include "orvaner/DebugPlugin.h"
 #include "orvaner/LoadedPlugins.h"
@@ -26,15 +27,8 @@ class PluginEnumerationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Log_Exit();
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "enumeration-test.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed for " + pattern);
-    }
-    directory_ = pattern;
     debugConfiguration_ = (directory_ / "debug.conf").string();
   }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
 
   void WriteDebugConfiguration(const std::string& content) {
     std::ofstream(debugConfiguration_) << content;
@@ -61,7 +55,8 @@ class PluginEnumerationTest : public ::testing::Test {
     return ::testing::internal::GetCapturedStderr();
   }
 
-  std::filesystem::path directory_;
+  unit_testing::TemporaryDirectory temporary_;
+  const std::filesystem::path& directory_ = temporary_.Path();
   std::string debugConfiguration_;
   LoadedPlugins plugins_;
 };

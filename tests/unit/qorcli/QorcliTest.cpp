@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "../hostlibs/CppTools/TemporaryDirectory.h"
+#include "TemporaryDirectory.h"
 #include "Qorcli.h"
 
 namespace {
@@ -43,7 +43,7 @@ class QorcliTest : public ::testing::Test {
     return outcome;
   }
 
-  cli_testing::TemporaryDirectory directory_;
+  unit_testing::TemporaryDirectory directory_;
 };
 
 TEST_F(QorcliTest, RunsTheCommandAndExitsZero) {

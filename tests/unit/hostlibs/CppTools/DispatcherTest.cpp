@@ -77,7 +77,7 @@ class DispatcherTest : public ::testing::Test {
     return stream.str();
   }
 
-  cli_testing::TemporaryDirectory directory_;
+  unit_testing::TemporaryDirectory directory_;
   Dispatcher dispatcher_;
 };
 

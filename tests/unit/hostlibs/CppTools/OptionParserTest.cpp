@@ -208,7 +208,7 @@ class OptionParserHelp : public ::testing::Test {
     return stream.str();
   }
 
-  cli_testing::TemporaryDirectory directory_;
+  unit_testing::TemporaryDirectory directory_;
   Dispatcher dispatcher_;
 };
 

@@ -10,13 +10,13 @@
 #include <stdexcept>
 #include <string>
 
-namespace cli_testing {
+namespace unit_testing {
 
 class TemporaryDirectory {
  public:
   TemporaryDirectory() {
     std::string pattern =
-        (std::filesystem::temp_directory_path() / "cpptools-test.XXXXXX").string();
+        (std::filesystem::temp_directory_path() / "orvane-unit.XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
       throw std::runtime_error("mkdtemp failed for " + pattern);
     }
@@ -58,4 +58,4 @@ class TemporaryDirectory {
   std::filesystem::path path_;
 };
 
-}  // namespace cli_testing
+}  // namespace unit_testing
