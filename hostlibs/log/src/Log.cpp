@@ -1,6 +1,7 @@
 #include "log/Log.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <spdlog/details/log_msg.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -71,8 +72,20 @@ struct LogState {
   std::string productInfo;
 };
 
+LogState& State();
+
+// A process forked while another thread writes a message would inherit the
+// library's mutex locked and hang at its first message (the executor's
+// child logs before it detaches). Holding the mutex across fork keeps every
+// output quiet at that moment, so the child starts with it free.
+void LockForFork() { State().mutex.lock(); }
+void UnlockAfterFork() { State().mutex.unlock(); }
+
 LogState& State() {
-  static LogState* state = new LogState;
+  static LogState* state = [] {
+    pthread_atfork(LockForFork, UnlockAfterFork, UnlockAfterFork);
+    return new LogState;
+  }();
   return *state;
 }
 

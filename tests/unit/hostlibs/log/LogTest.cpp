@@ -1,10 +1,14 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "log/Dictionary.h"
 #include "log/Log.h"
@@ -182,6 +186,46 @@ TEST_F(LogTest, SyslogSetUpRefusesAnEmptyIdentOrAnUnknownThreshold) {
 TEST_F(LogTest, ProductInfoIsRecorded) {
   Log_SetProductInfo("orvane", "0.1.0", "build-7", "release");
   EXPECT_STREQ(Log_GetProductInfo(), "orvane 0.1.0 build-7 (release)");
+}
+
+}  // namespace
+
+namespace {
+
+// A child forked while another thread is in the middle of a message must
+// still be able to log: the executor's child does so before it detaches.
+TEST(LogForkTest, ChildForkedWhileAnotherThreadLogsCanLog) {
+  Log_Exit();
+  // Messages go to standard error before any output exists; keep the flood
+  // of the logging thread out of the test's output.
+  const int savedStderr = dup(STDERR_FILENO);
+  const int devNull = open("/dev/null", O_WRONLY);
+  ASSERT_GE(savedStderr, 0);
+  ASSERT_GE(devNull, 0);
+  dup2(devNull, STDERR_FILENO);
+  close(devNull);
+
+  std::atomic<bool> stop{false};
+  std::thread flood([&stop] {
+    while (!stop) Log_Level(5, "flooding the log from another thread\n");
+  });
+  int hungChildren = 0;
+  for (int i = 0; i < 100; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(1);  // a child that hangs on the library's mutex dies of SIGALRM
+      Log_Level(2, "the child logs\n");
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++hungChildren;
+  }
+  stop = true;
+  flood.join();
+  dup2(savedStderr, STDERR_FILENO);
+  close(savedStderr);
+  EXPECT_EQ(hungChildren, 0);
 }
 
 }  // namespace
