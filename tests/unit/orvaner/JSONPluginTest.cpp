@@ -21,7 +21,11 @@
 #include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
 #include "orvaner/JSONPlugin.h"
+#include "orvaner/LoadedPlugins.h"
 #include "orvaner/Node.h"
+#include "orvaner/PluginEnumeration.h"
+#include "orvaner/RunOptions.h"
+#include "orvaner/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -653,6 +657,98 @@ TEST_F(JSONPluginTest, DuplicateKeyTakesTheLastValue) {
                          "provides": []}, "operations": {"start": ["a"], "start": ["b"]}})");
   EXPECT_EQ(plugin->GetApiVersion(), 2);
   EXPECT_THAT(plugin->StartCommands(), ElementsAre("b"));
+}
+
+// ---- the loader
+
+/// LoadPlugin with names ending in ".json", resolved in a plugin directory
+/// of the test's own. The process-wide barrier registry is shared, so the
+/// descriptions here name barriers no other test uses, or none.
+class JSONPluginLoadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Log_Exit();
+    savedDirectory_ = RunOptions::Instance().pluginDirectory;
+    RunOptions::Instance().pluginDirectory = temporary_.Path().string();
+    ReplaceSystemAlertSink([this](const std::string& text) { alerts_.push_back(text); });
+  }
+  void TearDown() override {
+    ReplaceSystemAlertSink({});
+    RunOptions::Instance().pluginDirectory = savedDirectory_;
+  }
+
+  /// Loads @p fileName; returns what was logged.
+  std::string LoadLogged(const std::string& fileName) {
+    ::testing::internal::CaptureStderr();
+    LoadPlugin(fileName, plugins_, (temporary_ / "no-debug.conf"));
+    return ::testing::internal::GetCapturedStderr();
+  }
+
+  unit_testing::TemporaryDirectory temporary_;
+  std::string savedDirectory_;
+  std::vector<std::string> alerts_;
+  LoadedPlugins plugins_;
+};
+
+TEST_F(JSONPluginLoadTest, JsonNameLoadsTheDescriptionFromThePluginDirectory) {
+  temporary_.Write("libnet.json", Description(1, "", "", R"(["net up"])"));
+  EXPECT_EQ(LoadLogged("libnet.json"), "");
+  ASSERT_EQ(plugins_.List().size(), 1u);
+  auto* plugin = dynamic_cast<JSONPlugin*>(plugins_.List().front());
+  ASSERT_NE(plugin, nullptr);
+  EXPECT_EQ(plugin->Name(), "net");
+  EXPECT_THAT(plugin->StartCommands(), ElementsAre("net up"));
+  EXPECT_THAT(alerts_, IsEmpty());
+}
+
+TEST_F(JSONPluginLoadTest, RepeatedNameLoadsTwoPlugins) {
+  temporary_.Write("a.json", Description(1));
+  LoadLogged("a.json");
+  LoadLogged("a.json");
+  ASSERT_EQ(plugins_.List().size(), 2u);
+  EXPECT_NE(plugins_.List()[0], plugins_.List()[1]);
+}
+
+TEST_F(JSONPluginLoadTest, NameMadeOnlyOfTheExtensionLoadsAPluginWithAnEmptyName) {
+  temporary_.Write(".json", Description(1));
+  LoadLogged(".json");
+  ASSERT_EQ(plugins_.List().size(), 1u);
+  EXPECT_EQ(plugins_.List().front()->Name(), "");
+}
+
+TEST_F(JSONPluginLoadTest, BrokenDescriptionIsAlertedLoggedAndLeftOut) {
+  temporary_.Write("broken.json", "{\"metadata\": ");
+  const std::string expected = "exception occurred whilst loading plugin broken.json: plugin `" +
+                               (temporary_ / "broken.json") +
+                               "' is invalid: plugin root is not an object";
+  EXPECT_EQ(LoadLogged("broken.json"), expected + "\n");
+  EXPECT_THAT(alerts_, ElementsAre(expected));
+  EXPECT_THAT(plugins_.List(), IsEmpty());
+}
+
+TEST_F(JSONPluginLoadTest, MissingDescriptionIsAlerted) {
+  EXPECT_EQ(LoadLogged("ghost.json"),
+            "exception occurred whilst loading plugin ghost.json: plugin `" +
+                (temporary_ / "ghost.json") + "' is invalid: no such file or directory\n");
+  EXPECT_EQ(alerts_.size(), 1u);
+  EXPECT_THAT(plugins_.List(), IsEmpty());
+}
+
+TEST_F(JSONPluginLoadTest, ExtensionIsCaseSensitive) {
+  temporary_.Write("a.JSON", Description(1));
+  EXPECT_EQ(LoadLogged("a.JSON"), "ignoring plugin 'a.JSON' of unknown type (JSON)...\n");
+  EXPECT_THAT(plugins_.List(), IsEmpty());
+}
+
+TEST_F(JSONPluginLoadTest, BrokenNameDoesNotStopTheNextOne) {
+  temporary_.Write("good.json", Description(1));
+  temporary_.Write("bad.json", Description(7));
+  EXPECT_THAT(LoadLogged("bad.json"), HasSubstr("Unsupported API version"));
+  LoadLogged("good.json");
+  ASSERT_EQ(plugins_.List().size(), 1u);
+  EXPECT_EQ(plugins_.List().front()->Name(), "good");
+  EXPECT_THAT(alerts_,
+              ElementsAre(StartsWith("exception occurred whilst loading plugin bad.json")));
 }
 
 }  // namespace
