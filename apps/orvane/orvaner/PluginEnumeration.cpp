@@ -1,12 +1,17 @@
 #include "orvaner/PluginEnumeration.h"
 
+#include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "log/Log.h"
 #include "orvaner/DebugConfiguration.h"
 #include "orvaner/DebugPlugin.h"
+#include "orvaner/JSONPlugin.h"
 #include "orvaner/LoadedPlugins.h"
+#include "orvaner/RunOptions.h"
+#include "orvaner/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -68,9 +73,27 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
     }
     return;
   }
-  // Native ("so") and JSON ("json") plugins are constructed and filtered
-  // here once those kinds exist; until then such a name loads nothing.
-  if (extension == kNativeExtension || extension == kJSONExtension) {
+  if (extension == kJSONExtension) {
+    // A broken description costs only its own plugin: it is reported and
+    // the enumeration goes on with the next name.
+    std::string failure;
+    try {
+      const std::string path =
+          (std::filesystem::path(RunOptions::Instance().pluginDirectory) / fileName).string();
+      plugins.Append(JSONPlugin::Load(pluginName, path));
+      return;
+    } catch (const std::exception& error) {
+      failure = "exception occurred whilst loading plugin " + fileName + ": " + error.what();
+    } catch (...) {
+      failure = "unknown exception occurred whilst loading plugin " + fileName;
+    }
+    RaiseSystemAlert(failure);
+    Log_Level(LOG_LEVEL_WARNING, "%s\n", failure.c_str());
+    return;
+  }
+  // Native ("so") plugins are constructed and filtered here once that kind
+  // exists; until then such a name loads nothing.
+  if (extension == kNativeExtension) {
     return;
   }
   Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(),
