@@ -1,5 +1,7 @@
 #include "orvaner/PluginEnumeration.h"
 
+#include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -7,6 +9,9 @@
 #include "orvaner/DebugConfiguration.h"
 #include "orvaner/DebugPlugin.h"
 #include "orvaner/LoadedPlugins.h"
+#include "orvaner/NativePlugin.h"
+#include "orvaner/RunOptions.h"
+#include "orvaner/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -68,9 +73,26 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
     }
     return;
   }
-  // Native ("so") and JSON ("json") plugins are constructed and filtered
-  // here once those kinds exist; until then such a name loads nothing.
-  if (extension == kNativeExtension || extension == kJSONExtension) {
+  if (extension == kNativeExtension) {
+    // A broken object is reported and left out; the run goes on without it.
+    auto reportFailure = [](const std::string& text) {
+      RaiseSystemAlert(text);
+      Log_Level(LOG_LEVEL_WARNING, "%s\n", text.c_str());
+    };
+    const std::string fullPath =
+        (std::filesystem::path(RunOptions::Instance().pluginDirectory) / fileName).string();
+    try {
+      plugins.Append(std::make_unique<NativePlugin>(pluginName, fullPath));
+    } catch (const std::exception& error) {
+      reportFailure("exception occurred whilst loading plugin " + fileName + ": " + error.what());
+    } catch (...) {
+      reportFailure("unknown exception occurred whilst loading plugin " + fileName);
+    }
+    return;
+  }
+  // JSON ("json") plugins are constructed and filtered here once that kind
+  // exists; until then such a name loads nothing.
+  if (extension == kJSONExtension) {
     return;
   }
   Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(),

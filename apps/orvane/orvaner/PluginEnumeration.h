@@ -22,8 +22,11 @@ void EnumeratePlugins(const std::vector<std::string>& pluginNames, LoadedPlugins
 /// them to @p plugins. The extension (after the last ".") picks the kind;
 /// the plugin name is the rest, less a leading "lib". For "debug", every
 /// entry of the debug configuration (read afresh) with that plugin name
-/// becomes a debug plugin. A name without an extension or with an unknown
-/// one is logged at level 3 and loads nothing.
+/// becomes a debug plugin. For "so", the shared object of that name in the
+/// plugin directory (RunOptions) becomes a native plugin; when it cannot be
+/// loaded the failure is raised as a system alert, logged at level 3, and
+/// nothing is appended. A name without an extension or with an unknown one
+/// is logged at level 3 and loads nothing.
 void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
                 const std::string& debugConfiguration = paths::kDebugConfiguration);
 

@@ -22,9 +22,12 @@
 #include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
 #include "orvaner/Executor.h"
+#include "orvaner/LoadedPlugins.h"
 #include "orvaner/Logging.h"
 #include "orvaner/NativePlugin.h"
+#include "orvaner/PluginEnumeration.h"
 #include "orvaner/RunOptions.h"
+#include "orvaner/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -498,6 +501,97 @@ TEST_F(NativePluginTest, CrashingPluginIsReportedAndItsDependantStillRuns) {
                                      "Activating Orvane plugin native_second.",
                                      "Orvane plugin native_second activated."));
   EXPECT_THAT(Recorded(), ElementsAre("native_second start"));
+}
+
+// ---- loading through the plugin directory
+
+class NativePluginLoadingTest : public NativePluginTest {
+ protected:
+  void SetUp() override {
+    NativePluginTest::SetUp();
+    directory_ = temporary_ / "plugins";
+    std::filesystem::create_directory(directory_);
+    savedDirectory_ = RunOptions::Instance().pluginDirectory;
+    RunOptions::Instance().pluginDirectory = directory_;
+    ReplaceSystemAlertSink([this](const std::string& text) { alerts_.push_back(text); });
+  }
+  void TearDown() override {
+    ReplaceSystemAlertSink({});
+    RunOptions::Instance().pluginDirectory = savedDirectory_;
+    NativePluginTest::TearDown();
+  }
+
+  void CopyPlugin(const std::string& from, const std::string& as) {
+    std::filesystem::copy_file(from, directory_ + "/" + as);
+  }
+
+  std::string LoadNamed(const std::string& fileName) {
+    ::testing::internal::CaptureStderr();
+    LoadPlugin(fileName, plugins_, temporary_ / "debug.conf");
+    return ::testing::internal::GetCapturedStderr();
+  }
+
+  std::string directory_;
+  std::string savedDirectory_;
+  std::vector<std::string> alerts_;
+  LoadedPlugins plugins_;
+};
+
+TEST_F(NativePluginLoadingTest, SharedObjectNameLoadsANativePluginFromThePluginDirectory) {
+  CopyPlugin(ORVANE_TEST_PLUGIN_VERSION3_EMPTY, "libempty.so");
+  CopyPlugin(ORVANE_TEST_PLUGIN_VERSION3_EMPTY, "bare.so");
+  EXPECT_EQ(LoadNamed("libempty.so"), "");
+  EXPECT_EQ(LoadNamed("bare.so"), "");
+  ASSERT_EQ(plugins_.List().size(), 2u);
+  auto* first = dynamic_cast<NativePlugin*>(plugins_.List()[0]);
+  auto* second = dynamic_cast<NativePlugin*>(plugins_.List()[1]);
+  ASSERT_NE(first, nullptr);
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(first->Name(), "empty");
+  EXPECT_EQ(first->LibraryPath(), directory_ + "/libempty.so");
+  EXPECT_EQ(second->Name(), "bare");
+  EXPECT_EQ(second->LibraryPath(), directory_ + "/bare.so");
+  EXPECT_THAT(alerts_, IsEmpty());
+}
+
+TEST_F(NativePluginLoadingTest, ObjectThatIsNoELFIsReportedAndLeftOut) {
+  temporary_.Write("plugins/x.so", std::string(100, 't'));
+  const std::string path = directory_ + "/x.so";
+  const std::string text = "exception occurred whilst loading plugin x.so: plugin `" + path +
+                           "' is invalid: " + path + ": invalid ELF header";
+  EXPECT_EQ(LoadNamed("x.so"), text + "\n");
+  EXPECT_THAT(alerts_, ElementsAre(text));
+  EXPECT_THAT(plugins_.List(), IsEmpty());
+}
+
+TEST_F(NativePluginLoadingTest, MissingSymbolIsReportedAndLeftOut) {
+  CopyPlugin(ORVANE_TEST_PLUGIN_NO_METADATA, "libbroken.so");
+  const std::string path = directory_ + "/libbroken.so";
+  const std::string text =
+      "exception occurred whilst loading plugin libbroken.so: Failed loading symbol: metadata "
+      "Located at: " +
+      path + " Reason: " + path + ": undefined symbol: metadata";
+  EXPECT_EQ(LoadNamed("libbroken.so"), text + "\n");
+  EXPECT_THAT(alerts_, ElementsAre(text));
+  EXPECT_THAT(plugins_.List(), IsEmpty());
+}
+
+TEST_F(NativePluginLoadingTest, LoadingGoesOnAfterABrokenObject) {
+  CopyPlugin(ORVANE_TEST_PLUGIN_API5, "libapi5.so");
+  CopyPlugin(ORVANE_TEST_PLUGIN_VERSION3_EMPTY, "libgood.so");
+  LoadNamed("libapi5.so");
+  LoadNamed("missing.so");
+  LoadNamed("libgood.so");
+  ASSERT_EQ(plugins_.List().size(), 1u);
+  EXPECT_EQ(plugins_.List()[0]->Name(), "good");
+  const std::string directory = directory_;
+  EXPECT_THAT(alerts_,
+              ElementsAre("exception occurred whilst loading plugin libapi5.so: plugin `" +
+                              directory + "/libapi5.so' is invalid: Unsupported API version",
+                          "exception occurred whilst loading plugin missing.so: plugin `" +
+                              directory + "/missing.so' is invalid: " + directory +
+                              "/missing.so: cannot open shared object file: No such file or "
+                              "directory"));
 }
 
 }  // namespace
