@@ -203,6 +203,22 @@ TEST_F(NativePluginTest, WithoutHostProfileOperationApplyHostProfileIsNotImpleme
   EXPECT_THROW(plugin.ApplyHostProfile(), NotImplementedException);
 }
 
+TEST_F(NativePluginTest, ExamplePluginLoadsAndStarts) {
+  NativePlugin& plugin = Load("example", ORVANE_EXAMPLE_PLUGIN);
+  EXPECT_EQ(plugin.GetApiVersion(), 4);
+  EXPECT_EQ(plugin.GetPluginVersion(), "1.0");
+  EXPECT_THAT(plugin.GetDisablingFlags(), ElementsAre("nonetwork"));
+  EXPECT_THAT(plugin.Predecessors(), ElementsAre(GetBarrier("storage", false)));
+  EXPECT_THAT(plugin.Successors(), ElementsAre(GetBarrier("network", false)));
+  EXPECT_TRUE(plugin.SupportsHostProfile());
+  ::testing::internal::CaptureStdout();
+  plugin.Start();
+  plugin.ApplyHostProfile();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "example: network interface up\n"
+            "example: network settings taken from the host profile\n");
+}
+
 // ---- what construction refuses
 
 TEST_F(NativePluginTest, ApiVersionsZeroAndFiveAreUnsupportedAndUnloaded) {
