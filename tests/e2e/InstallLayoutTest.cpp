@@ -31,6 +31,22 @@ TEST(InstallLayout, QorcliIsInstalledExecutableUnderThePrefix) {
   EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
 }
 
+TEST(InstallLayout, NativeExecutorIsInstalledExecutableAtItsFixedPath) {
+  fs::path program = Staged(paths::kNativeExecutor);
+  ASSERT_TRUE(fs::is_regular_file(program)) << program;
+  EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
+  EXPECT_NE(fs::status(program).permissions() & fs::perms::others_exec, fs::perms::none);
+}
+
+TEST(InstallLayout, PluginHeaderIsInstalledUnderThePrefix) {
+  fs::path header = Staged("/usr/include/orvane/plugin.h");
+  ASSERT_TRUE(fs::is_regular_file(header)) << header;
+  std::ifstream file(header);
+  std::stringstream content;
+  content << file.rdbuf();
+  EXPECT_NE(content.str().find("struct orvane_plugin_metadata {"), std::string::npos);
+}
+
 TEST(InstallLayout, HostDirectoriesAreCreatedEmpty) {
   std::vector<fs::path> directories = {paths::kPluginDirectory, "/etc/talvek/orvane",
                                        "/var/run/talvek", "/var/log", "/bootbank"};

@@ -10,6 +10,7 @@
 #include "orvaner/DebugPlugin.h"
 #include "orvaner/JSONPlugin.h"
 #include "orvaner/LoadedPlugins.h"
+#include "orvaner/NativePlugin.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/SystemAlert.h"
 
@@ -32,6 +33,23 @@ std::string PluginName(const std::string& base) {
   return base.starts_with(kLibraryPrefix)
              ? base.substr(std::char_traits<char>::length(kLibraryPrefix))
              : base;
+}
+
+// A plugin file that cannot be loaded costs only its own plugin: the
+// failure is raised as a system alert and logged, and loading goes on.
+template <typename Construct>
+void AppendOrReport(const std::string& fileName, LoadedPlugins& plugins, Construct construct) {
+  std::string failure;
+  try {
+    plugins.Append(construct());
+    return;
+  } catch (const std::exception& error) {
+    failure = "exception occurred whilst loading plugin " + fileName + ": " + error.what();
+  } catch (...) {
+    failure = "unknown exception occurred whilst loading plugin " + fileName;
+  }
+  RaiseSystemAlert(failure);
+  Log_Level(LOG_LEVEL_WARNING, "%s\n", failure.c_str());
 }
 
 }  // namespace
@@ -73,27 +91,15 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
     }
     return;
   }
+  const std::string path =
+      (std::filesystem::path(RunOptions::Instance().pluginDirectory) / fileName).string();
   if (extension == kJSONExtension) {
-    // A broken description costs only its own plugin: it is reported and
-    // the enumeration goes on with the next name.
-    std::string failure;
-    try {
-      const std::string path =
-          (std::filesystem::path(RunOptions::Instance().pluginDirectory) / fileName).string();
-      plugins.Append(JSONPlugin::Load(pluginName, path));
-      return;
-    } catch (const std::exception& error) {
-      failure = "exception occurred whilst loading plugin " + fileName + ": " + error.what();
-    } catch (...) {
-      failure = "unknown exception occurred whilst loading plugin " + fileName;
-    }
-    RaiseSystemAlert(failure);
-    Log_Level(LOG_LEVEL_WARNING, "%s\n", failure.c_str());
+    AppendOrReport(fileName, plugins, [&] { return JSONPlugin::Load(pluginName, path); });
     return;
   }
-  // Native ("so") plugins are constructed and filtered here once that kind
-  // exists; until then such a name loads nothing.
   if (extension == kNativeExtension) {
+    AppendOrReport(fileName, plugins,
+                   [&] { return std::make_unique<NativePlugin>(pluginName, path); });
     return;
   }
   Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(),

@@ -22,10 +22,11 @@ void EnumeratePlugins(const std::vector<std::string>& pluginNames, LoadedPlugins
 /// them to @p plugins. The extension (after the last ".") picks the kind;
 /// the plugin name is the rest, less a leading "lib". For "debug", every
 /// entry of the debug configuration (read afresh) with that plugin name
-/// becomes a debug plugin. For "json", the description of that name in the
-/// run's plugin directory; a broken one raises a system alert, is logged at
-/// level 3 and loads nothing. A name without an extension or with an unknown
-/// one is logged at level 3 and loads nothing.
+/// becomes a debug plugin. For "json" and "so", the JSON description or the
+/// shared object of that name in the run's plugin directory becomes a JSON
+/// or a native plugin; one that cannot be loaded is raised as a system
+/// alert, logged at level 3 and loads nothing. A name without an extension
+/// or with an unknown one is logged at level 3 and loads nothing.
 void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
                 const std::string& debugConfiguration = paths::kDebugConfiguration);
 

@@ -1,0 +1,236 @@
+#include "orvaner/NativePlugin.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <errno.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <utility>
+
+#include "ZelkuserCompat/Spawn.h"
+#include "orvane/plugin.h"
+#include "orvaner/BarrierRegistry.h"
+#include "orvaner/Exception.h"
+#include "orvaner/Node.h"
+
+extern char** environ;
+
+namespace orvane {
+namespace {
+
+constexpr const char* kOperationsSymbol = "operations";
+constexpr const char* kMetadataSymbol = "metadata";
+constexpr const char* kStartMethod = "start";
+constexpr const char* kApplyHostProfileMethod = "apply_host_profile";
+/// The first API version whose metadata carries flags, run-once and version.
+constexpr std::uint32_t kExtendedMetadataVersion = 3;
+/// The helper shares our standard input, output and error.
+constexpr std::array<int, 3> kSharedDescriptors = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+constexpr std::size_t kStatusTextSize = 512;
+constexpr unsigned char kNativeByteOrder =
+    std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
+
+std::string StatusText(ZelkuserStatus status) {
+  char text[kStatusTextSize];
+  return ZelkuserStatus_CodeToString(status, text, sizeof text);
+}
+
+std::string LastLoaderError() {
+  const char* error = dlerror();
+  return error != nullptr ? error : "";
+}
+
+// The loader maps an object's segments straight from the file. When a
+// loadable segment reaches past the end of a cut-off file, touching its
+// missing pages raises SIGBUS in this process instead of a loader error, so
+// such an object is refused before it is opened. Anything this cannot read
+// as a 64-bit ELF object of this machine's byte order is left to the loader,
+// which says what is wrong with it.
+std::string TruncationReason(const std::string& libraryPath) {
+  std::ifstream file(libraryPath, std::ios::binary);
+  Elf64_Ehdr header{};
+  if (!file.read(reinterpret_cast<char*>(&header), sizeof header) ||
+      std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
+      header.e_ident[EI_DATA] != kNativeByteOrder || header.e_phentsize != sizeof(Elf64_Phdr)) {
+    return "";
+  }
+  file.seekg(0, std::ios::end);
+  const auto fileSize = static_cast<std::uint64_t>(file.tellg());
+  for (std::uint16_t index = 0; index < header.e_phnum; ++index) {
+    Elf64_Phdr segment{};
+    file.seekg(static_cast<std::streamoff>(header.e_phoff + index * sizeof segment));
+    if (!file.read(reinterpret_cast<char*>(&segment), sizeof segment)) {
+      return "";
+    }
+    const std::uint64_t segmentEnd = segment.p_offset + segment.p_filesz;
+    if (segment.p_type == PT_LOAD && (segmentEnd < segment.p_offset || segmentEnd > fileSize)) {
+      return libraryPath + ": file truncated: a loadable segment ends at byte " +
+             std::to_string(segmentEnd) + " of a file of " + std::to_string(fileSize) + " bytes";
+    }
+  }
+  return "";
+}
+
+void* OpenLibrary(const std::string& libraryPath) {
+  if (std::string reason = TruncationReason(libraryPath); !reason.empty()) {
+    throw InvalidPluginException(libraryPath, reason);
+  }
+  dlerror();
+  void* handle = dlopen(libraryPath.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+  if (handle == nullptr) {
+    throw InvalidPluginException(libraryPath, LastLoaderError());
+  }
+  return handle;
+}
+
+// A data symbol may legitimately be at address 0 only in theory; dlerror,
+// not the returned pointer, says whether the lookup failed. The failure is
+// the base Exception, not InvalidPluginException.
+void* LookUpSymbol(void* handle, const char* symbol, const std::string& libraryPath) {
+  dlerror();
+  void* address = dlsym(handle, symbol);
+  if (const char* error = dlerror(); error != nullptr) {
+    std::string reason = error;
+    dlclose(handle);
+    throw Exception("Failed loading symbol: " + std::string(symbol) +
+                    " Located at: " + libraryPath + " Reason: " + reason);
+  }
+  return address;
+}
+
+template <typename Visit>
+void ForEachName(const char* const* names, Visit visit) {
+  for (; names != nullptr && *names != nullptr; ++names) {
+    visit(std::string(*names));
+  }
+}
+
+void InsertNames(const char* const* names, std::set<std::string>& into) {
+  ForEachName(names, [&into](std::string name) { into.insert(std::move(name)); });
+}
+
+// Starts the helper with our standard descriptors; fills @p reason and
+// returns -1 when it could not be started.
+pid_t SpawnSharingStandardDescriptors(const std::string& program, char* const argv[],
+                                      std::string& reason) {
+  ZelkuserCompat_SpawnFileActions fileActions;
+  ZelkuserStatus status = ZelkuserCompat_SpawnFileActionsInit(
+      &fileActions, static_cast<int>(kSharedDescriptors.size()));
+  if (status != ZELKUSER_OK) {
+    reason = "failed to init file actions: " + StatusText(status);
+    return -1;
+  }
+  for (int descriptor : kSharedDescriptors) {
+    status = ZelkuserCompat_SpawnFileActionsAddDup2(&fileActions, descriptor, descriptor);
+    if (status != ZELKUSER_OK) {
+      ZelkuserCompat_SpawnFileActionsDestroy(&fileActions);
+      // No separator before the status text: the reason reads this way.
+      reason = "failed to add dup2 file actions" + StatusText(status);
+      return -1;
+    }
+  }
+  pid_t pid = -1;
+  status = ZelkuserCompat_Spawn(&pid, program.c_str(), &fileActions, argv, environ);
+  ZelkuserCompat_SpawnFileActionsDestroy(&fileActions);
+  if (status != ZELKUSER_OK) {
+    reason = "failed to spawn: " + StatusText(status);
+    return -1;
+  }
+  return pid;
+}
+
+// Waits for the helper; the reason its method failed, or empty when it
+// exited with status 0. An interrupted wait is retried: it says nothing
+// about the helper.
+std::string WaitForHelper(pid_t pid) {
+  int status = 0;
+  pid_t waited;
+  do {
+    waited = waitpid(pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  if (waited < 0) {
+    return "failed to read exit status";
+  }
+  if (WIFEXITED(status)) {
+    return WEXITSTATUS(status) == 0 ? ""
+                                    : "exited with code " + std::to_string(WEXITSTATUS(status));
+  }
+  if (WIFSIGNALED(status)) {
+    return "exited with signal: " + std::to_string(WTERMSIG(status));
+  }
+  return "exited: <unknown failure>";
+}
+
+}  // namespace
+
+NativePlugin::NativePlugin(std::string name, std::string libraryPath, std::string nativeExecutor)
+    : Plugin(std::move(name)),
+      libraryPath(std::move(libraryPath)),
+      nativeExecutor_(std::move(nativeExecutor)) {
+  void* handle = OpenLibrary(this->libraryPath);
+  const auto* operations = static_cast<const orvane_plugin_operation*>(
+      LookUpSymbol(handle, kOperationsSymbol, this->libraryPath));
+  const auto* metadata = static_cast<const orvane_plugin_metadata*>(
+      LookUpSymbol(handle, kMetadataSymbol, this->libraryPath));
+
+  hasHostProfileOperation = operations[ORVANE_PLUGIN_OPERATION_APPLY_HOST_PROFILE] != nullptr;
+  apiVersion = static_cast<std::int32_t>(metadata->api_version);
+  if (metadata->api_version < ORVANE_PLUGIN_API_VERSION_MIN ||
+      metadata->api_version > ORVANE_PLUGIN_API_VERSION_MAX) {
+    dlclose(handle);
+    throw InvalidPluginException(this->libraryPath, "Unsupported API version");
+  }
+
+  // Provided barriers before required ones, the reverse of JSON plugins.
+  ForEachName(metadata->provided_barriers,
+              [this](const std::string& barrier) { Provides(*GetBarrier(barrier, true)); });
+  ForEachName(metadata->required_barriers,
+              [this](const std::string& barrier) { Requires(*GetBarrier(barrier, true)); });
+
+  if (metadata->api_version >= kExtendedMetadataVersion) {
+    InsertNames(metadata->required_flags, requiredFlags);
+    InsertNames(metadata->disabling_flags, disablingFlags);
+    runOnce = metadata->run_once;
+    if (metadata->plugin_version != nullptr) {
+      pluginVersion = metadata->plugin_version;
+    }
+  }
+  // The object stays loaded for the rest of the process.
+}
+
+void NativePlugin::Start() { RunNativeMethod(kStartMethod); }
+
+bool NativePlugin::SupportsHostProfile() const { return apiVersion > 1 && hasHostProfileOperation; }
+
+void NativePlugin::ApplyHostProfile() {
+  if (apiVersion < 2 || !hasHostProfileOperation) {
+    throw NotImplementedException("NativePlugin::ApplyHostProfile");
+  }
+  RunNativeMethod(kApplyHostProfileMethod);
+}
+
+void NativePlugin::RunNativeMethod(const std::string& method) {
+  std::string pluginName = Name();
+  std::string program = nativeExecutor_;
+  std::string library = libraryPath;
+  std::string methodName = method;
+  char* const argv[] = {program.data(), library.data(), pluginName.data(), methodName.data(),
+                        nullptr};
+  std::string reason;
+  const pid_t pid = SpawnSharingStandardDescriptors(program, argv, reason);
+  if (pid >= 0) {
+    reason = WaitForHelper(pid);
+  }
+  if (!reason.empty()) {
+    throw MethodFailedException(method, Name(), reason);
+  }
+}
+
+}  // namespace orvane
