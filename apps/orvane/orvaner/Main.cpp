@@ -8,6 +8,8 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <memory>
+#include <utility>
 
 #include "ZelkCtl/CpuInfo.h"
 #include "ZelkCtl/KernelProgressScreenImpl.h"
@@ -15,6 +17,7 @@
 #include "orvane/FixedPaths.h"
 #include "orvaner/CommandLine.h"
 #include "orvaner/Executor.h"
+#include "orvaner/InitdDiscovery.h"
 #include "orvaner/LoadedPlugins.h"
 #include "orvaner/Logging.h"
 #include "orvaner/PluginEnumeration.h"
@@ -112,10 +115,12 @@ void DetachFromCaller() {
   }
 }
 
-// Daemon mode takes its plugins from the init.d scripts, which come with the
-// daemon plugins; until then it loads none.
+// Daemon mode takes its plugins from the init.d scripts alone, in start order.
 void LoadPlugins(const RunState& state, LoadedPlugins& plugins) {
   if (state.daemon) {
+    for (std::unique_ptr<Plugin>& daemon : DiscoverInitdDaemons()) {
+      plugins.Append(std::move(daemon));
+    }
     return;
   }
   EnumeratePlugins(state.pluginList, plugins);

@@ -1,0 +1,118 @@
+#include "orvaner/InitdDiscovery.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <set>
+#include <sstream>
+#include <unordered_set>
+
+#include "log/Log.h"
+#include "orvane/FixedPaths.h"
+#include "orvaner/Exception.h"
+#include "orvaner/LegacyDaemonPlugin.h"
+
+namespace orvane {
+namespace {
+
+constexpr const char* kListingOption = " -p";
+
+/// Started by init mode itself before any plugin runs.
+const std::unordered_set<std::string>& SkippedDaemons() {
+  static const std::unordered_set<std::string> skipped = {"zelsyslogd", "wexd"};
+  return skipped;
+}
+
+/// Closes a popen stream on every way out.
+class ListingPipe {
+ public:
+  explicit ListingPipe(const std::string& command) : pipe_(popen(command.c_str(), "r")) {}
+  ~ListingPipe() {
+    if (pipe_ != nullptr) pclose(pipe_);
+  }
+  ListingPipe(const ListingPipe&) = delete;
+  ListingPipe& operator=(const ListingPipe&) = delete;
+
+  FILE* Stream() const { return pipe_; }
+
+ private:
+  FILE* pipe_;
+};
+
+using Listing = std::multimap<std::int32_t, std::string>;
+
+// A line holds a script, white space and its start order; anything after
+// that is not ours to read.
+void ReadListingLine(const std::string& line, Listing& listing) {
+  std::istringstream fields(line);
+  std::string script;
+  std::int32_t startOrder = 0;
+  if (!(fields >> script)) return;  // a blank line
+  if (!(fields >> startOrder)) {
+    Log_Level(LOG_LEVEL_WARNING, "ignoring init.d listing line without a start order: '%s'\n",
+              line.c_str());
+    return;
+  }
+  listing.emplace(startOrder, script);
+}
+
+Listing ReadListing(FILE* stream) {
+  Listing listing;
+  char* buffer = nullptr;
+  std::size_t capacity = 0;
+  ssize_t length = 0;
+  while ((length = getline(&buffer, &capacity, stream)) >= 0) {
+    std::string line(buffer, static_cast<std::size_t>(length));
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    ReadListingLine(line, listing);
+  }
+  std::free(buffer);
+  return listing;
+}
+
+// "/etc/init.d/ntpd" names the plugin "ntpd".
+std::string PluginName(const std::string& script) {
+  const std::string::size_type slash = script.rfind('/');
+  return slash == std::string::npos ? script : script.substr(slash + 1);
+}
+
+}  // namespace
+
+std::string InitdListingCommand() { return std::string(paths::kChkconfig) + kListingOption; }
+
+std::vector<std::unique_ptr<Plugin>> DiscoverInitdDaemons(const std::string& listingCommand,
+                                                          BarrierRegistry& registry) {
+  std::vector<std::unique_ptr<Plugin>> plugins;
+  Listing listing;
+  {
+    const ListingPipe pipe(listingCommand);
+    if (pipe.Stream() == nullptr) {
+      throw Exception("Failed obtaining list of init.d scripts");
+    }
+    if (fileno(pipe.Stream()) < 1) return plugins;
+    listing = ReadListing(pipe.Stream());
+  }
+
+  std::set<std::string> seenScripts;
+  for (const auto& [startOrder, script] : listing) {
+    const std::string name = PluginName(script);
+    if (SkippedDaemons().contains(name)) continue;
+    if (!seenScripts.insert(script).second) {
+      // Kept, as listed: the daemon is started once per listing line.
+      Log_Level(LOG_LEVEL_WARNING, "init.d script %s is listed more than once\n", script.c_str());
+    }
+    try {
+      plugins.push_back(std::make_unique<LegacyDaemonPlugin>(name, script, startOrder, registry));
+    } catch (const std::exception& error) {
+      Log_Level(LOG_LEVEL_WARNING, "Failed to create init.d daemon plugin: %s because: %s\n",
+                script.c_str(), error.what());
+    } catch (...) {
+      Log_Level(LOG_LEVEL_WARNING, "Failed to create init.d daemon plugin: %s\n", script.c_str());
+    }
+  }
+  return plugins;
+}
+
+}  // namespace orvane
