@@ -175,8 +175,8 @@ TEST_F(DebugRunE2E, HangingInjectionHoldsOnlyItsOwnWorker) {
   EXPECT_EQ(Orvane({"--parallel"}).exitStatus, 0);
   const std::vector<std::string> recorded = Recorded();
   EXPECT_THAT(recorded, UnorderedElementsAre("first", "second", "release", "hang released"));
-  ASSERT_FALSE(recorded.empty());
-  EXPECT_EQ(recorded.back(), "hang released");
+  // Released, not given up: "release" ran while "hang" still held its worker.
+  EXPECT_LT(Position(recorded, "release"), Position(recorded, "hang released"));
 }
 
 TEST_F(DebugRunE2E, StatelessMarkerTurnsParallelOff) {
