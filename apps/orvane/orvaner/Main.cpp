@@ -17,6 +17,7 @@
 #include "orvane/FixedPaths.h"
 #include "orvaner/CommandLine.h"
 #include "orvaner/Executor.h"
+#include "orvaner/InitMode.h"
 #include "orvaner/InitdDiscovery.h"
 #include "orvaner/LoadedPlugins.h"
 #include "orvaner/Logging.h"
@@ -201,6 +202,9 @@ int Main(int argc, char* argv[], char* envp[]) {
     return kExitFailure;
   }
 
+  if (state.init) {
+    StartBootDaemons(options.environment);
+  }
   const bool runsExecutor = !state.daemon;
   if (runsExecutor && !StartExecutor()) {
     return kExitFailure;
@@ -211,10 +215,15 @@ int Main(int argc, char* argv[], char* envp[]) {
   LoadedPlugins plugins;
   const bool succeeded = LoadAndRunPlugins(options, state, plugins);
 
-  // The closing steps, whatever became of the plugins. The profiling log and
-  // the init-mode syslog follow-up belong here once they exist.
+  // The closing steps, whatever became of the plugins; each is attempted
+  // even when the one before failed. The profiling log belongs first here
+  // once it exists.
+  if (state.init) {
+    ReloadSyslogDaemon();
+  }
   if (runsExecutor) {
     StopExecutor();
+    EndBootConfiguration();
   }
   return succeeded ? kExitSuccess : kExitFailure;
 }
