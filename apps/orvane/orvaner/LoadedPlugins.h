@@ -20,6 +20,16 @@ class LoadedPlugins {
   /// Takes @p plugin and appends it to the plugin list.
   void Append(std::unique_ptr<Plugin> plugin);
 
+  /// Takes @p plugin without listing it: a plugin kept out of the run that
+  /// the barriers it joined still refer to.
+  void Keep(std::unique_ptr<Plugin> plugin);
+
+  /// Takes every plugin of @p other and appends its list to this one.
+  void Append(LoadedPlugins&& other);
+
+  /// Takes every plugin of @p other without listing any of them.
+  void Keep(LoadedPlugins&& other);
+
   /// The plugins that take part in the run, in load order.
   const PluginList& List() const { return list_; }
 

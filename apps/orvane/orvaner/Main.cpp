@@ -116,15 +116,19 @@ void DetachFromCaller() {
   }
 }
 
-// Daemon mode takes its plugins from the init.d scripts alone, in start order.
-void LoadPlugins(const RunState& state, LoadedPlugins& plugins) {
+// Daemon mode takes its plugins from the init.d scripts alone, in start
+// order. Otherwise the plugin directory or the --plugin names go through the
+// filters, and the run-once plugins accepted add their keys to
+// state.runOnce.
+void LoadPlugins(const RunOptions& options, RunState& state, LoadedPlugins& plugins) {
   if (state.daemon) {
     for (std::unique_ptr<Plugin>& daemon : DiscoverInitdDaemons()) {
       plugins.Append(std::move(daemon));
     }
     return;
   }
-  EnumeratePlugins(state.pluginList, plugins);
+  EnumeratePlugins(state.pluginList, {state.pluginFlags, options.disabledPlugins, state.runOnce},
+                   options, plugins);
 }
 
 // The worker count. A stateless host always starts its plugins one at a time.
@@ -167,9 +171,9 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
 // Loads the plugins and runs them; false when a standard exception ended
 // either. In dump mode no plugin runs; writing the dump itself is not built
 // yet.
-bool LoadAndRunPlugins(RunOptions& options, const RunState& state, LoadedPlugins& plugins) {
+bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plugins) {
   try {
-    LoadPlugins(state, plugins);
+    LoadPlugins(options, state, plugins);
     ChooseThreadCount(options, plugins.List());
     if (!state.dump) {
       RunPluginPass(plugins.List(), options, state);

@@ -1,7 +1,10 @@
 #include "orvaner/PluginEnumeration.h"
 
+#include <algorithm>
+#include <boost/regex.hpp>
 #include <exception>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -21,6 +24,7 @@ constexpr const char* kLibraryPrefix = "lib";
 constexpr const char* kDebugExtension = "debug";
 constexpr const char* kNativeExtension = "so";
 constexpr const char* kJSONExtension = "json";
+constexpr const char* kRunOnceKeyRejects = "[^-a-zA-Z0-9._+]";
 
 std::unique_ptr<Plugin> MakeDebugPlugin(const DebugEntry& entry) {
   return std::make_unique<DebugPlugin>(entry.name, entry.requiredBarriers, entry.providedBarriers,
@@ -35,14 +39,19 @@ std::string PluginName(const std::string& base) {
              : base;
 }
 
+// The directory and the name joined by one separator. A name is not a path,
+// so an absolute-looking one does not replace the directory.
+std::string FullPath(const std::string& directory, const std::string& fileName) {
+  return directory.ends_with('/') ? directory + fileName : directory + '/' + fileName;
+}
+
 // A plugin file that cannot be loaded costs only its own plugin: the
 // failure is raised as a system alert and logged, and loading goes on.
 template <typename Construct>
-void AppendOrReport(const std::string& fileName, LoadedPlugins& plugins, Construct construct) {
+std::unique_ptr<Plugin> ConstructOrReport(const std::string& fileName, Construct construct) {
   std::string failure;
   try {
-    plugins.Append(construct());
-    return;
+    return construct();
   } catch (const std::exception& error) {
     failure = "exception occurred whilst loading plugin " + fileName + ": " + error.what();
   } catch (...) {
@@ -50,29 +59,130 @@ void AppendOrReport(const std::string& fileName, LoadedPlugins& plugins, Constru
   }
   RaiseSystemAlert(failure);
   Log_Level(LOG_LEVEL_WARNING, "%s\n", failure.c_str());
+  return nullptr;
 }
 
-}  // namespace
+// Each flag followed by one blank, as the refusal messages show them.
+std::string FlagText(const std::set<std::string>& flags) {
+  std::string text;
+  for (const std::string& flag : flags) {
+    text += flag;
+    text += ' ';
+  }
+  return text;
+}
 
-void EnumeratePlugins(const std::vector<std::string>& pluginNames, LoadedPlugins& plugins,
-                      const std::string& debugConfiguration) {
+bool IsDisabled(const Plugin& plugin, const std::vector<std::string>& disabledPlugins) {
+  return std::find(disabledPlugins.begin(), disabledPlugins.end(), plugin.Name()) !=
+         disabledPlugins.end();
+}
+
+// The boot-flag rules: false when either refuses the plugin. Both are
+// reported when both apply, the disabling flags first.
+bool PassesBootFlags(const Plugin& plugin, const std::set<std::string>& bootFlags) {
+  std::set<std::string> disabledBy;
+  std::set_intersection(bootFlags.begin(), bootFlags.end(), plugin.GetDisablingFlags().begin(),
+                        plugin.GetDisablingFlags().end(),
+                        std::inserter(disabledBy, disabledBy.end()));
+  if (!disabledBy.empty()) {
+    Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s', disabled due to boot flags: %s.\n",
+              plugin.Name().c_str(), FlagText(disabledBy).c_str());
+  }
+  std::set<std::string> missing;
+  std::set_difference(plugin.GetRequiredFlags().begin(), plugin.GetRequiredFlags().end(),
+                      bootFlags.begin(), bootFlags.end(), std::inserter(missing, missing.end()));
+  if (!missing.empty()) {
+    Log_Level(LOG_LEVEL_WARNING,
+              "ignoring plugin '%s', disabled due to missing required boot flags: %s.\n",
+              plugin.Name().c_str(), FlagText(missing).c_str());
+  }
+  return disabledBy.empty() && missing.empty();
+}
+
+// A run-once plugin whose key is known stays in the list, so the graph
+// still waits on what it provides, but its work is skipped. The lookup uses
+// the key as it is and the record gets the cleaned key, so a version with
+// other characters runs again on every run; that is intended.
+void ApplyRunOnce(Plugin& plugin, std::set<std::string>& runOnce) {
+  if (!plugin.IsRunOnce()) {
+    return;
+  }
+  const std::string key = plugin.Name() + plugin.GetPluginVersion();
+  if (runOnce.contains(key)) {
+    Log_Level(LOG_LEVEL_INFO, "ignoring plugin '%s' because version '%s'  has already been run.\n",
+              plugin.Name().c_str(), plugin.GetPluginVersion().c_str());
+    plugin.MarkDone();
+    return;
+  }
+  runOnce.insert(CleanRunOnceKey(key));
+}
+
+// Takes a constructed plugin through the filters into the list, or keeps it
+// out of it, marked done.
+void Filter(std::unique_ptr<Plugin> plugin, LoadedPlugins& plugins, const PluginFilters& filters) {
+  if (IsDisabled(*plugin, filters.disabledPlugins)) {
+    Log_Level(LOG_LEVEL_INFO, "ignoring plugin '%s' due to blacklist.\n", plugin->Name().c_str());
+    plugin->MarkDone();
+    plugins.Keep(std::move(plugin));
+    return;
+  }
+  if (!PassesBootFlags(*plugin, filters.bootFlags)) {
+    plugin->MarkDone();
+    plugins.Keep(std::move(plugin));
+    return;
+  }
+  Plugin& accepted = *plugin;
+  plugins.Append(std::move(plugin));
+  ApplyRunOnce(accepted, filters.runOnce);
+}
+
+void WalkPluginDirectory(const std::string& directory, LoadedPlugins& plugins,
+                         const PluginFilters& filters, const RunOptions& options,
+                         const std::string& debugConfiguration) {
+  for (const std::filesystem::directory_entry& entry :
+       std::filesystem::directory_iterator(directory)) {
+    LoadPlugin(entry.path().filename().string(), plugins, filters, options, debugConfiguration);
+  }
+}
+
+void LoadAll(const std::vector<std::string>& pluginNames, const PluginFilters& filters,
+             const RunOptions& options, LoadedPlugins& plugins,
+             const std::string& debugConfiguration) {
   if (!pluginNames.empty()) {
     for (const std::string& fileName : pluginNames) {
-      LoadPlugin(fileName, plugins, debugConfiguration);
+      LoadPlugin(fileName, plugins, filters, options, debugConfiguration);
     }
     return;
   }
   std::vector<DebugEntry> debugEntries;
   ReadDebugConfiguration(debugEntries, debugConfiguration);
-  // The plugin directory's files are loaded here, before the debug plugins,
-  // once the JSON and native kinds exist.
+  WalkPluginDirectory(options.pluginDirectory, plugins, filters, options, debugConfiguration);
   for (const DebugEntry& entry : debugEntries) {
     plugins.Append(MakeDebugPlugin(entry));
   }
 }
 
-void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
-                const std::string& debugConfiguration) {
+}  // namespace
+
+void EnumeratePlugins(const std::vector<std::string>& pluginNames, PluginFilters filters,
+                      const RunOptions& options, LoadedPlugins& plugins,
+                      const std::string& debugConfiguration) {
+  // The list is handed over whole once enumeration is over. When it fails
+  // half-way, what was loaded stays alive, because the barriers it joined
+  // refer to it, but takes no part in the run.
+  LoadedPlugins enumerated;
+  try {
+    LoadAll(pluginNames, filters, options, enumerated, debugConfiguration);
+  } catch (...) {
+    plugins.Keep(std::move(enumerated));
+    throw;
+  }
+  plugins.Append(std::move(enumerated));
+}
+
+void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const PluginFilters& filters,
+                const RunOptions& options, const std::string& debugConfiguration) {
+  const std::string path = FullPath(options.pluginDirectory, fileName);
   const std::string::size_type lastDot = fileName.rfind('.');
   if (lastDot == std::string::npos) {
     Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s' of unspecified type...\n", fileName.c_str());
@@ -83,27 +193,32 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins,
   ReadDebugConfiguration(debugEntries, debugConfiguration);
   const std::string pluginName = PluginName(fileName.substr(0, lastDot));
 
-  if (extension == kDebugExtension) {
+  std::unique_ptr<Plugin> plugin;
+  if (extension == kNativeExtension) {
+    plugin = ConstructOrReport(fileName,
+                               [&] { return std::make_unique<NativePlugin>(pluginName, path); });
+  } else if (extension == kJSONExtension) {
+    plugin = ConstructOrReport(fileName, [&] { return JSONPlugin::Load(pluginName, path); });
+  } else if (extension == kDebugExtension) {
     for (const DebugEntry& entry : debugEntries) {
       if (entry.name == pluginName) {
         plugins.Append(MakeDebugPlugin(entry));
       }
     }
     return;
-  }
-  const std::string path =
-      (std::filesystem::path(RunOptions::Instance().pluginDirectory) / fileName).string();
-  if (extension == kJSONExtension) {
-    AppendOrReport(fileName, plugins, [&] { return JSONPlugin::Load(pluginName, path); });
+  } else {
+    Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(),
+              extension.c_str());
     return;
   }
-  if (extension == kNativeExtension) {
-    AppendOrReport(fileName, plugins,
-                   [&] { return std::make_unique<NativePlugin>(pluginName, path); });
-    return;
+  if (plugin) {
+    Filter(std::move(plugin), plugins, filters);
   }
-  Log_Level(LOG_LEVEL_WARNING, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(),
-            extension.c_str());
+}
+
+std::string CleanRunOnceKey(const std::string& key) {
+  static const boost::regex rejects(kRunOnceKeyRejects);
+  return boost::regex_replace(key, rejects, "");
 }
 
 }  // namespace orvane

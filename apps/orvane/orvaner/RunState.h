@@ -22,7 +22,7 @@ struct RunState {
   std::string pluginDirectory = paths::kPluginDirectory;  ///< as given
   std::vector<std::string> pluginList;                    ///< --plugin, in order, repeats kept
   std::set<std::string> pluginFlags;
-  std::set<std::string> runOnce;
+  std::set<std::string> runOnce;  ///< --run-once keys; enumeration looks plugins up and adds keys
   timeval startTime{};
   timeval endTime{};
   long kernelUptimeSeconds = 0;

@@ -680,13 +680,16 @@ class JSONPluginLoadTest : public ::testing::Test {
   /// Loads @p fileName; returns what was logged.
   std::string LoadLogged(const std::string& fileName) {
     ::testing::internal::CaptureStderr();
-    LoadPlugin(fileName, plugins_, (temporary_ / "no-debug.conf"));
+    LoadPlugin(fileName, plugins_, PluginFilters{{}, noneDisabled_, runOnce_},
+               RunOptions::Instance(), temporary_ / "no-debug.conf");
     return ::testing::internal::GetCapturedStderr();
   }
 
   unit_testing::TemporaryDirectory temporary_;
   std::string savedDirectory_;
   std::vector<std::string> alerts_;
+  std::vector<std::string> noneDisabled_;
+  std::set<std::string> runOnce_;
   LoadedPlugins plugins_;
 };
 

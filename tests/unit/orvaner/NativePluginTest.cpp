@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -553,13 +554,16 @@ class NativePluginLoadingTest : public NativePluginTest {
 
   std::string LoadNamed(const std::string& fileName) {
     ::testing::internal::CaptureStderr();
-    LoadPlugin(fileName, plugins_, temporary_ / "debug.conf");
+    LoadPlugin(fileName, plugins_, PluginFilters{{}, noneDisabled_, runOnce_},
+               RunOptions::Instance(), temporary_ / "debug.conf");
     return ::testing::internal::GetCapturedStderr();
   }
 
   std::string directory_;
   std::string savedDirectory_;
   std::vector<std::string> alerts_;
+  std::vector<std::string> noneDisabled_;
+  std::set<std::string> runOnce_;
   LoadedPlugins plugins_;
 };
 
