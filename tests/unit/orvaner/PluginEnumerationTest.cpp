@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -444,16 +445,29 @@ TEST_F(PluginFilterTest, BrokenDescriptionIsReportedWithItsReason) {
 }
 
 TEST_F(PluginFilterTest, UnreadableDescriptionIsALoadFailure) {
-  if (::geteuid() == 0) {
-    GTEST_SKIP() << "root reads files whatever their mode";
-  }
   WritePlugin("locked.json", Description());
   std::filesystem::permissions(std::filesystem::path(options_.pluginDirectory) / "locked.json",
                                std::filesystem::perms::none);
-  LoadFiltered("locked.json");
-  ASSERT_THAT(alerts_, SizeIs(1));
-  EXPECT_THAT(alerts_[0], StartsWith("exception occurred whilst loading plugin locked.json: "));
-  EXPECT_THAT(plugins_.List(), IsEmpty());
+  // Root reads files whatever their mode, so the load runs in a child that
+  // has given up root for the unprivileged "nobody".
+  constexpr uid_t kNobody = 65534;
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::setresgid(kNobody, kNobody, kNobody) != 0 ||
+        ::setresuid(kNobody, kNobody, kNobody) != 0) {
+      ::_exit(2);
+    }
+    LoadFiltered("locked.json");
+    const bool reported =
+        alerts_.size() == 1 &&
+        alerts_[0].starts_with("exception occurred whilst loading plugin locked.json: ");
+    ::_exit(reported && plugins_.List().empty() ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "2: could not become nobody; 1: not reported as a failure";
 }
 
 TEST_F(PluginFilterTest, NamesWithALineEndOrBytesThatAreNotUTF8LoadAsTheyAre) {
