@@ -6,8 +6,8 @@
 // only grows; the time covers the walk, the loading and the linking.
 //
 // Usage: orvane_enumeration_bench [jsonFiles] [debugFiles] [debugEntries]
-// The debug configuration is read afresh for every file name, so its size
-// weighs on every file, not just the debug ones.
+// The debug configuration is read afresh for every file name (parsed again
+// only when its text changed), so its size weighs on every file.
 #include <stdlib.h>
 #include <sys/resource.h>
 

@@ -1,10 +1,16 @@
 #include "orvaner/DebugConfiguration.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/token_functions.hpp>
 #include <boost/tokenizer.hpp>
-#include <fstream>
+#include <cerrno>
 #include <iterator>
+#include <memory>
+#include <mutex>
+#include <sstream>
 #include <utility>
 
 #include "log/Log.h"
@@ -49,15 +55,41 @@ bool ParseDebugEntry(const std::string& line, DebugEntry& entry) {
   }
 }
 
-}  // namespace
-
-void ReadDebugConfiguration(std::vector<DebugEntry>& entries, const std::string& path) {
-  std::ifstream file(path);
-  if (!file) {
-    return;
+// The whole text of the file at @p path; false when it cannot be opened or
+// read (a directory, for one), which gives no entries.
+bool ReadWholeFile(const std::string& path, std::string& content) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) {
+    return false;
   }
+  char buffer[65536];
+  ssize_t count;
+  while ((count = ::read(descriptor, buffer, sizeof buffer)) != 0) {
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      ::close(descriptor);
+      return false;
+    }
+    content.append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(descriptor);
+  return true;
+}
+
+/// A configuration text and what it says: its entries and its malformed
+/// lines (number and trimmed text), in file order.
+struct ParsedConfiguration {
+  std::string content;
+  std::shared_ptr<const std::vector<DebugEntry>> entries;
+  std::vector<std::pair<int, std::string>> malformed;
+};
+
+ParsedConfiguration Parse(std::string content) {
+  ParsedConfiguration parsed;
+  std::vector<DebugEntry> entries;
+  std::istringstream lines(content);
   int lineNumber = 0;
-  for (std::string line; std::getline(file, line);) {
+  for (std::string line; std::getline(lines, line);) {
     ++lineNumber;
     boost::algorithm::trim(line);
     if (line.empty()) {
@@ -67,10 +99,40 @@ void ReadDebugConfiguration(std::vector<DebugEntry>& entries, const std::string&
     if (ParseDebugEntry(line, entry)) {
       entries.push_back(std::move(entry));
     } else {
-      Log_Level(LOG_LEVEL_INFO, "ignoring malformed debug entry at line %d: %s\n", lineNumber,
-                line.c_str());
+      parsed.malformed.emplace_back(lineNumber, std::move(line));
     }
   }
+  parsed.content = std::move(content);
+  parsed.entries = std::make_shared<const std::vector<DebugEntry>>(std::move(entries));
+  return parsed;
+}
+
+}  // namespace
+
+std::shared_ptr<const std::vector<DebugEntry>> ReadDebugEntries(const std::string& path) {
+  std::string content;
+  if (!ReadWholeFile(path, content)) {
+    return std::make_shared<const std::vector<DebugEntry>>();
+  }
+  // The file is read afresh on every call, but the loader calls once per
+  // plugin file: when the text is the one parsed last time, its entries and
+  // its malformed lines are taken from then instead of being parsed again.
+  static std::mutex lastReadMutex;
+  static ParsedConfiguration lastRead;
+  std::lock_guard<std::mutex> lock(lastReadMutex);
+  if (!lastRead.entries || lastRead.content != content) {
+    lastRead = Parse(std::move(content));
+  }
+  for (const auto& [lineNumber, line] : lastRead.malformed) {
+    Log_Level(LOG_LEVEL_INFO, "ignoring malformed debug entry at line %d: %s\n", lineNumber,
+              line.c_str());
+  }
+  return lastRead.entries;
+}
+
+void ReadDebugConfiguration(std::vector<DebugEntry>& entries, const std::string& path) {
+  const std::shared_ptr<const std::vector<DebugEntry>> read = ReadDebugEntries(path);
+  entries.insert(entries.end(), read->begin(), read->end());
 }
 
 }  // namespace orvane

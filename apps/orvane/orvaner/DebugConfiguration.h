@@ -2,6 +2,7 @@
 /// graph, one per line of a plain text file.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,5 +30,11 @@ struct DebugEntry {
 /// throws for the content of the file.
 void ReadDebugConfiguration(std::vector<DebugEntry>& entries,
                             const std::string& path = paths::kDebugConfiguration);
+
+/// ReadDebugConfiguration's entries without a copy: the file is read and its
+/// malformed lines logged on every call, but a text that has not changed
+/// since the last call is not parsed again and its entries are shared.
+std::shared_ptr<const std::vector<DebugEntry>> ReadDebugEntries(
+    const std::string& path = paths::kDebugConfiguration);
 
 }  // namespace orvane

@@ -189,8 +189,8 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
     return;
   }
   const std::string extension = fileName.substr(lastDot + 1);
-  std::vector<DebugEntry> debugEntries;
-  ReadDebugConfiguration(debugEntries, debugConfiguration);
+  const std::shared_ptr<const std::vector<DebugEntry>> debugEntries =
+      ReadDebugEntries(debugConfiguration);
   const std::string pluginName = PluginName(fileName.substr(0, lastDot));
 
   std::unique_ptr<Plugin> plugin;
@@ -200,7 +200,7 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
   } else if (extension == kJSONExtension) {
     plugin = ConstructOrReport(fileName, [&] { return JSONPlugin::Load(pluginName, path); });
   } else if (extension == kDebugExtension) {
-    for (const DebugEntry& entry : debugEntries) {
+    for (const DebugEntry& entry : *debugEntries) {
       if (entry.name == pluginName) {
         plugins.Append(MakeDebugPlugin(entry));
       }

@@ -248,6 +248,15 @@ TEST_F(DebugConfigurationTest, NulBytesInALineDoNotEndIt) {
                           Fields{"after", {}, {}, "true"}));
 }
 
+TEST_F(DebugConfigurationTest, EveryReadSeesTheFileAsItIsAndReportsItsMalformedLinesAgain) {
+  EXPECT_THAT(Read("one:::echo 1\nbad line\n"), ElementsAre(Fields{"one", {}, {}, "echo 1"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 2: bad line\n"));
+  EXPECT_THAT(ReadPath(path_), ElementsAre(Fields{"one", {}, {}, "echo 1"}));
+  EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 2: bad line\n"));
+  // Same size, other text: the next read has the new entry.
+  EXPECT_THAT(Read("two:::echo 2\nbad line\n"), ElementsAre(Fields{"two", {}, {}, "echo 2"}));
+}
+
 TEST_F(DebugConfigurationTest, EntriesAreAppendedToTheCallersList) {
   std::ofstream(path_) << "new:::true\n";
   std::vector<DebugEntry> entries(1);
