@@ -22,6 +22,7 @@
 #include "orvaner/Logging.h"
 #include "orvaner/PluginEnumeration.h"
 #include "orvaner/QorcliExecutor.h"
+#include "orvaner/RunOnceRecord.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
 
@@ -116,12 +117,17 @@ void DetachFromCaller() {
 }
 
 // Daemon mode takes its plugins from the init.d scripts alone, in start order.
-void LoadPlugins(const RunState& state, LoadedPlugins& plugins) {
+// Only an invoke run reads the run-once record: a boot starts from the
+// command-line keys and rewrites the record with what it loads.
+void LoadPlugins(const RunOptions& options, RunState& state, LoadedPlugins& plugins) {
   if (state.daemon) {
     for (std::unique_ptr<Plugin>& daemon : DiscoverInitdDaemons()) {
       plugins.Append(std::move(daemon));
     }
     return;
+  }
+  if (options.invoke) {
+    ReadRunOnceRecord(state.runOnce);
   }
   EnumeratePlugins(state.pluginList, plugins);
 }
@@ -160,15 +166,17 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
     progressScreen.StatusText("");
   }
   StartAll(plugins, executor);
-  // The run-once record is written back here outside daemon mode, once it exists.
+  if (!state.daemon) {
+    WriteRunOnceRecord(state.runOnce);
+  }
 }
 
 // Loads the plugins and runs them; false when a standard exception ended
 // either. In dump mode no plugin runs; writing the dump itself is not built
 // yet.
-bool LoadAndRunPlugins(RunOptions& options, const RunState& state, LoadedPlugins& plugins) {
+bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plugins) {
   try {
-    LoadPlugins(state, plugins);
+    LoadPlugins(options, state, plugins);
     ChooseThreadCount(options, plugins.List());
     if (!state.dump) {
       RunPluginPass(plugins.List(), options, state);
