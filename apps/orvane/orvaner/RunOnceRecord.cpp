@@ -52,12 +52,16 @@ std::string SystemErrorText(int savedErrno) {
   return savedErrno != 0 ? std::strerror(savedErrno) : "unknown error";
 }
 
-// True when the file holds at least one byte; the source is left at its
-// start. A gzip decompressor refuses empty input, but an empty record is
-// simply a record with nothing in it.
+// True when at least one byte of the file can be read; the source is left
+// at its start. A gzip decompressor refuses empty input, but an empty or
+// unreadable record (a directory, say) is simply a record with nothing in it.
 bool HasContent(io::file_source& source) {
   char first = 0;
-  if (source.read(&first, 1) <= 0) {
+  try {
+    if (source.read(&first, 1) <= 0) {
+      return false;
+    }
+  } catch (const std::ios_base::failure&) {
     return false;
   }
   io::seek(source, 0, std::ios_base::beg);
@@ -106,6 +110,8 @@ void ReadRunOnceRecord(std::set<std::string>& runOnceSet, const std::string& pat
     ReadKeys(line, runOnceSet);
   } catch (const io::gzip_error& error) {
     throw Exception("cannot read the run-once record " + path + ": " + DescribeGzipError(error));
+  } catch (const std::ios_base::failure& error) {
+    throw Exception("cannot read the run-once record " + path + ": " + error.what());
   }
 }
 
