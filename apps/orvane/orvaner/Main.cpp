@@ -23,6 +23,7 @@
 #include "orvaner/Logging.h"
 #include "orvaner/PluginEnumeration.h"
 #include "orvaner/QorcliExecutor.h"
+#include "orvaner/RunOnceRecord.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
 
@@ -119,13 +120,18 @@ void DetachFromCaller() {
 // Daemon mode takes its plugins from the init.d scripts alone, in start
 // order. Otherwise the plugin directory or the --plugin names go through the
 // filters, and the run-once plugins accepted add their keys to
-// state.runOnce.
+// state.runOnce. Only an invoke run reads the run-once record first: a boot
+// starts from the command-line keys and rewrites the record with what it
+// loads.
 void LoadPlugins(const RunOptions& options, RunState& state, LoadedPlugins& plugins) {
   if (state.daemon) {
     for (std::unique_ptr<Plugin>& daemon : DiscoverInitdDaemons()) {
       plugins.Append(std::move(daemon));
     }
     return;
+  }
+  if (options.invoke) {
+    ReadRunOnceRecord(state.runOnce);
   }
   EnumeratePlugins(state.pluginList, {state.pluginFlags, options.disabledPlugins, state.runOnce},
                    options, plugins);
@@ -165,7 +171,9 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
     progressScreen.StatusText("");
   }
   StartAll(plugins, executor);
-  // The run-once record is written back here outside daemon mode, once it exists.
+  if (!state.daemon) {
+    WriteRunOnceRecord(state.runOnce);
+  }
 }
 
 // Loads the plugins and runs them; false when a standard exception ended
