@@ -126,6 +126,29 @@ TEST_F(RunOnceE2E, DaemonRunNeitherReadsNorWritesTheRecord) {
 
 // ---- bad records and an unwritable boot bank
 
+TEST_F(RunOnceE2E, PluginRecordedByABootIsSkippedByALaterInvokeRun) {
+  // A run-once JSON plugin whose one command records that it ran.
+  sandbox_->WriteFile("/usr/lib/talvek/qorcli/test.json",
+                      R"({"commands": [{"path": ["test", "once"],
+                          "exec": ["/bin/sh", "-c", "echo once >> /tmp/record"]}]})");
+  sandbox_->WriteFile("/usr/libexec/orvane/plugins/once.json",
+                      R"({"metadata": {"version": 3, "requires": [], "provides": [],
+                          "required_flags": [], "disabling_flags": [], "run_once": true,
+                          "plugin_version": "1.0"},
+                          "operations": {"start": ["test once"]}})");
+  ASSERT_EQ(Orvane({}).exitStatus, 0);
+  EXPECT_THAT(Recorded(), ElementsAre("once"));
+  EXPECT_EQ(RecordContent(), "orvane.run-once=once1.0,\n");
+
+  // One executor per boot: its socket file stays until something removes it.
+  sandbox_->Remove("/var/run/talvek/orvaneExecutor.sock");
+  RunResult invoke = Orvane({"--invoke", "--method=start", "--plugin=once.json"});
+  EXPECT_EQ(invoke.exitStatus, 0);
+  EXPECT_THAT(invoke.out, HasSubstr("ignoring plugin 'once' because version '1.0'  has already "
+                                    "been run.\n"));
+  EXPECT_THAT(Recorded(), ElementsAre("once"));
+}
+
 TEST_F(RunOnceE2E, CorruptRecordEndsAnInvokeRunNamingTheFileAndTheError) {
   sandbox_->WriteFile(kDebugConfiguration, "probe:::echo probe >> /tmp/record\n");
   sandbox_->WriteFile(kRunOnceRecord, "orvane.run-once=a1,\n");  // not compressed
