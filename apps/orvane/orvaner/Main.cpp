@@ -21,6 +21,7 @@
 #include "orvaner/LoadedPlugins.h"
 #include "orvaner/Logging.h"
 #include "orvaner/PluginEnumeration.h"
+#include "orvaner/ProfilingLog.h"
 #include "orvaner/QorcliExecutor.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/RunState.h"
@@ -42,6 +43,8 @@ void ReadStartClock(RunState& state) {
     state.kernelUptimeSeconds = kernelInformation.uptime;
   }
 }
+
+void ReadEndClock(RunState& state) { gettimeofday(&state.endTime, nullptr); }
 
 bool StartLogging() {
   try {
@@ -211,8 +214,10 @@ int Main(int argc, char* argv[], char* envp[]) {
   LoadedPlugins plugins;
   const bool succeeded = LoadAndRunPlugins(options, state, plugins);
 
-  // The closing steps, whatever became of the plugins. The profiling log and
-  // the init-mode syslog follow-up belong here once they exist.
+  // The closing steps, whatever became of the plugins. The init-mode syslog
+  // follow-up belongs after the profiling log once it exists.
+  ReadEndClock(state);
+  WriteProfilingLog(plugins.List(), options, state);
   if (runsExecutor) {
     StopExecutor();
   }
