@@ -22,6 +22,7 @@
 #include "orvaner/LoadedPlugins.h"
 #include "orvaner/Logging.h"
 #include "orvaner/PluginEnumeration.h"
+#include "orvaner/ProfilingLog.h"
 #include "orvaner/QorcliExecutor.h"
 #include "orvaner/RunOnceRecord.h"
 #include "orvaner/RunOptions.h"
@@ -44,6 +45,8 @@ void ReadStartClock(RunState& state) {
     state.kernelUptimeSeconds = kernelInformation.uptime;
   }
 }
+
+void ReadEndClock(RunState& state) { gettimeofday(&state.endTime, nullptr); }
 
 bool StartLogging() {
   try {
@@ -228,8 +231,9 @@ int Main(int argc, char* argv[], char* envp[]) {
   const bool succeeded = LoadAndRunPlugins(options, state, plugins);
 
   // The closing steps, whatever became of the plugins; each is attempted
-  // even when the one before failed. The profiling log belongs first here
-  // once it exists.
+  // even when the one before failed.
+  ReadEndClock(state);
+  WriteProfilingLog(plugins.List(), options, state);
   if (state.init) {
     ReloadSyslogDaemon();
   }

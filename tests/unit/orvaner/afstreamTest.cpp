@@ -1,0 +1,211 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "TemporaryDirectory.h"
+#include "orvaner/afstream.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+
+constexpr mode_t kPermissionBits = 07777;
+
+mode_t PermissionsOf(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return 0;
+  return status.st_mode & kPermissionBits;
+}
+
+/// The names in @p directory other than @p except.
+std::vector<std::string> OtherNames(const unit_testing::TemporaryDirectory& directory,
+                                    const std::string& except) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory.Path())) {
+    const std::string name = entry.path().filename().string();
+    if (name != except) names.push_back(name);
+  }
+  return names;
+}
+
+/// What @p action threw as std::runtime_error; empty when it threw nothing.
+template <typename Action>
+std::string ErrorOf(Action action) {
+  try {
+    action();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "";
+}
+
+class afstreamTest : public ::testing::Test {
+ protected:
+  unit_testing::TemporaryDirectory directory;
+};
+
+TEST_F(afstreamTest, CommitToMissingDestinationCreatesItWithMode0600) {
+  const std::string destination = directory / "log";
+  afstream stream;
+  stream.open(destination);
+  stream << "new\n";
+  stream.commit();
+  EXPECT_EQ(directory.Read("log"), "new\n");
+  EXPECT_EQ(PermissionsOf(destination), 0600u);
+  EXPECT_THAT(OtherNames(directory, "log"), ElementsAre());
+}
+
+TEST_F(afstreamTest, CommitOverFileWithMode0644KeepsTheModeAndTakesTheNewContents) {
+  const std::string destination = directory / "log";
+  directory.Write("log", "old contents that are longer than the new ones\n");
+  ASSERT_EQ(::chmod(destination.c_str(), 0644), 0);
+  afstream stream;
+  stream.open(destination);
+  stream << "new\n";
+  stream.commit();
+  EXPECT_EQ(directory.Read("log"), "new\n");
+  EXPECT_EQ(PermissionsOf(destination), 0644u);
+}
+
+TEST_F(afstreamTest, CommitRestoresModesTheUmaskWouldHaveCleared) {
+  const std::string destination = directory / "tool";
+  directory.Write("tool", "old\n");
+  ASSERT_EQ(::chmod(destination.c_str(), 0775), 0);
+  const mode_t previousMask = ::umask(077);
+  afstream stream;
+  stream.open(destination);
+  stream << "new\n";
+  stream.commit();
+  ::umask(previousMask);
+  EXPECT_EQ(PermissionsOf(destination), 0775u);
+}
+
+TEST_F(afstreamTest, DestroyingWithoutCommitLeavesTheDestinationAndTheTemporaryFile) {
+  const std::string destination = directory / "log";
+  directory.Write("log", "old\n");
+  std::string temporaryPath;
+  {
+    afstream stream;
+    stream.open(destination);
+    stream << "never committed\n";
+    temporaryPath = stream.temporary_path();
+  }
+  EXPECT_EQ(directory.Read("log"), "old\n");
+  const std::vector<std::string> others = OtherNames(directory, "log");
+  ASSERT_EQ(others.size(), 1u);
+  EXPECT_THAT(others[0], MatchesRegex("log\\.[A-Za-z0-9]{6}"));
+  EXPECT_EQ(directory / others[0], temporaryPath);
+  EXPECT_EQ(directory.Read(others[0]), "never committed\n");
+}
+
+TEST_F(afstreamTest, TemporaryFileLiesBesideTheDestination) {
+  afstream stream;
+  EXPECT_EQ(stream.temporary_path(), "");
+  stream.open(directory / "log");
+  EXPECT_THAT(stream.temporary_path(), MatchesRegex(".*/log\\.[A-Za-z0-9]{6}"));
+  EXPECT_EQ(std::filesystem::path(stream.temporary_path()).parent_path(), directory.Path());
+  EXPECT_TRUE(stream.is_open());
+}
+
+TEST_F(afstreamTest, CommitOnANeverOpenedStreamThrowsUnknownDestination) {
+  afstream stream;
+  EXPECT_EQ(ErrorOf([&] { stream.commit(); }), "commit invoked on an unknown destination");
+}
+
+TEST_F(afstreamTest, OpenInAMissingDirectoryThrowsAndKeepsErrno) {
+  const std::string destination = directory / "missing/log";
+  afstream stream;
+  int errnoAfter = 0;
+  const std::string error = ErrorOf([&] {
+    try {
+      stream.open(destination);
+    } catch (...) {
+      errnoAfter = errno;
+      throw;
+    }
+  });
+  EXPECT_EQ(error, "unable to create temporary file to write '" + destination +
+                       "': No such file or directory");
+  EXPECT_EQ(errnoAfter, ENOENT);
+  EXPECT_EQ(ErrorOf([&] { stream.commit(); }), "commit invoked on an unknown destination");
+}
+
+TEST_F(afstreamTest, DestinationWithAZeroByteCannotMakeAPattern) {
+  afstream stream;
+  const std::string destination = directory / std::string("lo\0g", 4);
+  EXPECT_EQ(ErrorOf([&] { stream.open(destination); }), "unable to allocate mkstemp pattern");
+  EXPECT_THAT(OtherNames(directory, ""), ElementsAre());
+}
+
+TEST_F(afstreamTest, OpenAppendStartsWithTheOldContents) {
+  const std::string destination = directory / "log";
+  directory.Write("log", std::string("first\n\0binary\n", 14));
+  afstream stream;
+  stream.open_append(destination);
+  stream << "second\n";
+  stream.commit();
+  EXPECT_EQ(directory.Read("log"), std::string("first\n\0binary\nsecond\n", 21));
+}
+
+TEST_F(afstreamTest, OpenAppendOnAMissingDestinationStartsEmpty) {
+  const std::string destination = directory / "log";
+  afstream stream;
+  stream.open_append(destination);
+  EXPECT_TRUE(stream.good());
+  stream << "only\n";
+  stream.commit();
+  EXPECT_EQ(directory.Read("log"), "only\n");
+  EXPECT_EQ(PermissionsOf(destination), 0600u);
+}
+
+TEST_F(afstreamTest, OpenAppendOnAnEmptyDestinationStartsEmpty) {
+  const std::string destination = directory / "log";
+  directory.Write("log", "");
+  afstream stream;
+  stream.open_append(destination);
+  EXPECT_TRUE(stream.good());
+  stream << "only\n";
+  stream.commit();
+  EXPECT_EQ(directory.Read("log"), "only\n");
+}
+
+TEST_F(afstreamTest, FailedRenameLeavesTheDestinationAndNamesBothPaths) {
+  // A directory cannot be replaced by a file.
+  const std::string destination = directory / "log";
+  std::filesystem::create_directory(destination);
+  afstream stream;
+  stream.open(destination);
+  stream << "new\n";
+  const std::string temporaryPath = stream.temporary_path();
+  EXPECT_EQ(ErrorOf([&] { stream.commit(); }),
+            "unable to rename '" + temporaryPath + "' to '" + destination + "': Is a directory");
+  EXPECT_TRUE(std::filesystem::is_directory(destination));
+  EXPECT_EQ(directory.Read(std::filesystem::path(temporaryPath).filename().string()), "new\n");
+}
+
+TEST_F(afstreamTest, UnstatableDestinationIsReplacedButReportsThePermissions) {
+  // A symbolic link to itself cannot be followed by stat, but rename
+  // replaces the link itself.
+  const std::string destination = directory / "log";
+  std::filesystem::create_symlink("log", destination);
+  afstream stream;
+  stream.open(destination);
+  stream << "new\n";
+  EXPECT_EQ(ErrorOf([&] { stream.commit(); }),
+            "failed to restore file permissions, file permissions may be incorrect: Too many "
+            "levels of symbolic links");
+  EXPECT_FALSE(std::filesystem::is_symlink(destination));
+  EXPECT_EQ(directory.Read("log"), "new\n");
+}
+
+}  // namespace
+}  // namespace orvane
