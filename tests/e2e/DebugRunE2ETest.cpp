@@ -310,9 +310,61 @@ TEST_F(DebugRunE2E, NoDebugConfigurationGivesARunThatDoesNothing) {
 
 TEST_F(DebugRunE2E, DumpModeRunsNoInjection) {
   WriteDebugConfiguration(Record("inj", "inj"));
-  Orvane({"--dump-dependency-tree=/tmp/graph.dot"});
+  EXPECT_EQ(Orvane({"--dump-dependency-tree=/tmp/graph.dot"}).exitStatus, 0);
   EXPECT_THAT(Recorded(), IsEmpty());
   EXPECT_THAT(Activations(), IsEmpty());
+}
+
+// A provider, a barrier and a requirer, each shown by its label line; the
+// vertices are numbered by address, so only their shape is fixed.
+constexpr const char* kDumpedGraph = "provider::ready:true\nrequirer:ready::true\n";
+const std::regex kProviderLine(R"((\d+) \[label="provider"\];)");
+const std::regex kRequirerLine(R"((\d+) \[label="requirer"\];)");
+const std::regex kBarrierLine(R"((\d+) \[label="ready" shape=box\];)");
+
+/// Checks a whole dump of kDumpedGraph: framing, plugins in load order, then
+/// the barrier, with the edges provider -> barrier -> requirer.
+void ExpectDumpedGraph(const std::vector<std::string>& lines) {
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[0], "digraph g {");
+  std::smatch provider, requirer, barrier;
+  ASSERT_TRUE(std::regex_match(lines[1], provider, kProviderLine)) << lines[1];
+  ASSERT_TRUE(std::regex_match(lines[3], requirer, kRequirerLine)) << lines[3];
+  ASSERT_TRUE(std::regex_match(lines[4], barrier, kBarrierLine)) << lines[4];
+  EXPECT_EQ(lines[2], provider[1].str() + " -> " + barrier[1].str() + ";");
+  EXPECT_EQ(lines[5], barrier[1].str() + " -> " + requirer[1].str() + ";");
+  EXPECT_EQ(lines[6], "}");
+}
+
+TEST_F(DebugRunE2E, DumpWithoutAPathGoesToStandardOutput) {
+  WriteDebugConfiguration(kDumpedGraph);
+  RunResult result = Orvane({"--dump-dependency-tree"});
+  EXPECT_EQ(result.exitStatus, 0);
+  // Log lines share standard output; the dump's own lines are the others.
+  std::vector<std::string> dump;
+  for (const std::string& line : Lines(result.out)) {
+    if (line.find(" orvane: ") == std::string::npos) dump.push_back(line);
+  }
+  ExpectDumpedGraph(dump);
+  EXPECT_THAT(Activations(), IsEmpty());
+}
+
+TEST_F(DebugRunE2E, DumpToAFileReplacesItsContent) {
+  WriteDebugConfiguration(kDumpedGraph);
+  sandbox_->WriteFile("/tmp/graph.dot", std::string(5000, 'x'));
+  EXPECT_EQ(Orvane({"--dump-dependency-tree=/tmp/graph.dot"}).exitStatus, 0);
+  ExpectDumpedGraph(Lines(sandbox_->ReadFile("/tmp/graph.dot")));
+}
+
+TEST_F(DebugRunE2E, DumpThatCannotBeOpenedWritesNothingRunsTheClosingStepsAndEndsWithOne) {
+  WriteDebugConfiguration(kDumpedGraph);
+  RunResult result = Orvane({"--dump-dependency-tree=/nowhere/graph.dot"});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_THAT(result.out, Not(HasSubstr("digraph")));
+  EXPECT_THAT(messages_, Contains("unable to open '/nowhere/graph.dot' for the dependency tree: No "
+                                  "such file or directory"));
+  EXPECT_THAT(messages_, Contains("Executor has been Successfully Stopped"));
+  EXPECT_FALSE(sandbox_->Exists("/nowhere"));
 }
 
 // ---- the executor process around the run

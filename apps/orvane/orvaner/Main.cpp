@@ -8,6 +8,8 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <memory>
 #include <utility>
 
@@ -15,7 +17,9 @@
 #include "ZelkCtl/KernelProgressScreenImpl.h"
 #include "log/Log.h"
 #include "orvane/FixedPaths.h"
+#include "orvaner/BarrierRegistry.h"
 #include "orvaner/CommandLine.h"
+#include "orvaner/DependencyDump.h"
 #include "orvaner/Executor.h"
 #include "orvaner/InitMode.h"
 #include "orvaner/InitdDiscovery.h"
@@ -179,16 +183,34 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
   }
 }
 
-// Loads the plugins and runs them; false when a standard exception ended
-// either. In dump mode no plugin runs; writing the dump itself is not built
-// yet.
+// The whole graph in the dot language, to the --dump-dependency-tree file
+// (truncated) or to standard output; false when the file cannot be opened,
+// in which case nothing is written.
+bool DumpDependencyTree(const PluginList& plugins, const RunState& state) {
+  if (!state.dumpPath) {
+    WriteDependencyTree(plugins, ListBarriers(), std::cout);
+    return true;
+  }
+  std::ofstream file(*state.dumpPath, std::ios::out | std::ios::trunc);
+  if (!file) {
+    Log_Level(LOG_LEVEL_ERROR, "unable to open '%s' for the dependency tree: %s\n",
+              state.dumpPath->c_str(), std::strerror(errno));
+    return false;
+  }
+  WriteDependencyTree(plugins, ListBarriers(), file);
+  return true;
+}
+
+// Loads the plugins, then dumps the graph or runs them; false when a
+// standard exception ended either or the dump could not be written.
 bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plugins) {
   try {
     LoadPlugins(options, state, plugins);
     ChooseThreadCount(options, plugins.List());
-    if (!state.dump) {
-      RunPluginPass(plugins.List(), options, state);
+    if (state.dump) {
+      return DumpDependencyTree(plugins.List(), state);
     }
+    RunPluginPass(plugins.List(), options, state);
     return true;
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_ERROR,
