@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -26,7 +27,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kStatelessMarker = "/stateless.tgz";
 constexpr const char* kRecord = "/tmp/record";
@@ -53,63 +53,11 @@ std::size_t Position(const std::vector<std::string>& entries, const std::string&
   return std::find(entries.begin(), entries.end(), entry) - entries.begin();
 }
 
-class DebugRunE2E : public ::testing::Test {
+class DebugRunE2E : public OrvaneRunTest {
  protected:
-  void SetUp() override {
-    ORVANE_REQUIRE_SANDBOX();
-    sandbox_ = std::make_unique<Sandbox>();
-  }
-
   void WriteDebugConfiguration(const std::string& content) {
     sandbox_->WriteFile(kDebugConfiguration, content);
   }
-
-  /// Runs orvane with @p options; expects it to end by itself.
-  RunResult Orvane(std::vector<std::string> options, const RunSettings& settings = {}) {
-    options.insert(options.begin(), kOrvane);
-    RunResult result = sandbox_->Run(options, settings);
-    EXPECT_FALSE(result.timedOut);
-    messages_ = LogMessages(result.out);
-    return result;
-  }
-
-  /// What the injections recorded, in order.
-  std::vector<std::string> Recorded() {
-    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
-                                     : std::vector<std::string>{};
-  }
-
-  /// The kernel-log records, without their "<priority>orvane: " prefix for
-  /// the informational ones.
-  std::vector<std::string> KernelLog() {
-    std::vector<std::string> records;
-    for (const std::string& line : Lines(sandbox_->Kmsg())) {
-      records.push_back(line.starts_with("<6>orvane: ") ? line.substr(11) : line);
-    }
-    return records;
-  }
-
-  /// The activation lines of the kernel log, in order.
-  std::vector<std::string> Activations() {
-    std::vector<std::string> activations;
-    for (const std::string& record : KernelLog()) {
-      if (record.find("Orvane plugin") != std::string::npos) activations.push_back(record);
-    }
-    return activations;
-  }
-
-  /// Whether orvane's ident sent @p message at @p severity.
-  bool SyslogHas(int severity, const std::string& message) {
-    for (const SyslogRecord& record : sandbox_->Syslog()) {
-      std::string text = record.message;
-      if (text.ends_with('\n')) text.pop_back();
-      if (record.ident == "orvane" && record.severity == severity && text == message) return true;
-    }
-    return false;
-  }
-
-  std::unique_ptr<Sandbox> sandbox_;
-  std::vector<std::string> messages_;
 };
 
 // ---- order

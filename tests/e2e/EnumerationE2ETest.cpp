@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -24,7 +25,6 @@ using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kDefinitions = "/usr/lib/talvek/qorcli/test.json";
@@ -80,11 +80,11 @@ std::vector<std::string> ActivatedLines(const std::vector<std::string>& names) {
   return lines;
 }
 
-class EnumerationE2E : public ::testing::Test {
+class EnumerationE2E : public OrvaneRunTest {
  protected:
   void SetUp() override {
-    ORVANE_REQUIRE_SANDBOX();
-    sandbox_ = std::make_unique<Sandbox>();
+    OrvaneRunTest::SetUp();
+    if (IsSkipped()) return;
     sandbox_->WriteFile(kRecorder, kRecorderScript, 0755);
     sandbox_->WriteFile(kDefinitions, kDefinitionText);
   }
@@ -135,40 +135,6 @@ class EnumerationE2E : public ::testing::Test {
     sandbox_->MakeDirectory(kPluginDirectory + std::string("sub"));
     sandbox_->WriteFile(kDebugConfiguration, "inj:::echo inj >> /tmp/record\n");
   }
-
-  RunResult Orvane(std::vector<std::string> options) {
-    options.insert(options.begin(), kOrvane);
-    RunResult result = sandbox_->Run(options);
-    EXPECT_FALSE(result.timedOut);
-    messages_ = LogMessages(result.out);
-    return result;
-  }
-
-  std::vector<std::string> Recorded() {
-    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
-                                     : std::vector<std::string>{};
-  }
-
-  std::vector<std::string> Activations() {
-    std::vector<std::string> activations;
-    for (const std::string& line : Lines(sandbox_->Kmsg())) {
-      std::string record = line.starts_with("<6>orvane: ") ? line.substr(11) : line;
-      if (record.find("Orvane plugin") != std::string::npos) activations.push_back(record);
-    }
-    return activations;
-  }
-
-  bool SyslogHas(int severity, const std::string& message) {
-    for (const SyslogRecord& record : sandbox_->Syslog()) {
-      std::string text = record.message;
-      if (text.ends_with('\n')) text.pop_back();
-      if (record.ident == "orvane" && record.severity == severity && text == message) return true;
-    }
-    return false;
-  }
-
-  std::unique_ptr<Sandbox> sandbox_;
-  std::vector<std::string> messages_;
 };
 
 TEST_F(EnumerationE2E, PlainRunLoadsEveryKindAndAppliesEveryFilter) {

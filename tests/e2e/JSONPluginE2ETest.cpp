@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -26,7 +27,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kHostProfile = "/etc/talvek/hostprofile.xml";
@@ -66,58 +66,17 @@ std::string Description(const std::vector<std::string>& required,
 /// The command line that records @p text.
 std::string Record(const std::string& text) { return "test record --text " + text; }
 
-class JSONPluginE2E : public ::testing::Test {
+class JSONPluginE2E : public OrvaneRunTest {
  protected:
   void SetUp() override {
-    ORVANE_REQUIRE_SANDBOX();
-    sandbox_ = std::make_unique<Sandbox>();
+    OrvaneRunTest::SetUp();
+    if (IsSkipped()) return;
     sandbox_->WriteFile(kRecorder, kRecorderScript, 0755);
     sandbox_->WriteFile(kDefinitions, kDefinitionText);
   }
 
   void WritePlugin(const std::string& fileName, const std::string& content) {
     sandbox_->WriteFile(kPluginDirectory + fileName, content);
-  }
-
-  /// Runs orvane with @p options; expects it to end by itself.
-  RunResult Orvane(std::vector<std::string> options) {
-    options.insert(options.begin(), kOrvane);
-    RunResult result = sandbox_->Run(options);
-    EXPECT_FALSE(result.timedOut);
-    messages_ = LogMessages(result.out);
-    return result;
-  }
-
-  /// What the commands and injections recorded, in order.
-  std::vector<std::string> Recorded() {
-    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
-                                     : std::vector<std::string>{};
-  }
-
-  /// The informational kernel-log records without their prefix; others as they are.
-  std::vector<std::string> KernelLog() {
-    std::vector<std::string> records;
-    for (const std::string& line : Lines(sandbox_->Kmsg())) {
-      records.push_back(line.starts_with("<6>orvane: ") ? line.substr(11) : line);
-    }
-    return records;
-  }
-
-  std::vector<std::string> Activations() {
-    std::vector<std::string> activations;
-    for (const std::string& record : KernelLog()) {
-      if (record.find("Orvane plugin") != std::string::npos) activations.push_back(record);
-    }
-    return activations;
-  }
-
-  bool SyslogHas(int severity, const std::string& message) {
-    for (const SyslogRecord& record : sandbox_->Syslog()) {
-      std::string text = record.message;
-      if (text.ends_with('\n')) text.pop_back();
-      if (record.ident == "orvane" && record.severity == severity && text == message) return true;
-    }
-    return false;
   }
 
   /// The load-failure text of @p fileName with @p reason.
@@ -134,9 +93,6 @@ class JSONPluginE2E : public ::testing::Test {
     EXPECT_THAT(messages_, Contains(text));
     EXPECT_TRUE(SyslogHas(LOG_WARNING, text)) << text;
   }
-
-  std::unique_ptr<Sandbox> sandbox_;
-  std::vector<std::string> messages_;
 };
 
 TEST_F(JSONPluginE2E, StartCommandsRunThroughTheExecutorInDependencyOrderWithInjections) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -27,7 +28,6 @@ using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kNativeExecutor = "/usr/lib/talvek/orvane/nativeExecutor";
 constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
@@ -43,24 +43,11 @@ std::string ShortenedPlugin(std::size_t size) {
   return content;
 }
 
-class NativeE2E : public ::testing::Test {
+class NativeE2E : public OrvaneRunTest {
  protected:
-  void SetUp() override {
-    ORVANE_REQUIRE_SANDBOX();
-    sandbox_ = std::make_unique<Sandbox>();
-  }
-
   /// Puts a built plugin object into the plugin directory as @p fileName.
   void AddPlugin(const std::string& builtObject, const std::string& fileName) {
     sandbox_->CopyIn(builtObject, InPluginDirectory(fileName), 0644);
-  }
-
-  RunResult Orvane(std::vector<std::string> options, const RunSettings& settings = {}) {
-    options.insert(options.begin(), kOrvane);
-    RunResult result = sandbox_->Run(options, settings);
-    EXPECT_FALSE(result.timedOut);
-    messages_ = LogMessages(result.out);
-    return result;
   }
 
   RunResult Helper(std::vector<std::string> arguments) {
@@ -70,38 +57,6 @@ class NativeE2E : public ::testing::Test {
     return result;
   }
 
-  std::vector<std::string> Recorded() {
-    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
-                                     : std::vector<std::string>{};
-  }
-
-  /// The informational kernel-log records without their prefix; others as
-  /// they are.
-  std::vector<std::string> KernelLog() {
-    std::vector<std::string> records;
-    for (const std::string& line : Lines(sandbox_->Kmsg())) {
-      records.push_back(line.starts_with("<6>orvane: ") ? line.substr(11) : line);
-    }
-    return records;
-  }
-
-  std::vector<std::string> Activations() {
-    std::vector<std::string> activations;
-    for (const std::string& record : KernelLog()) {
-      if (record.find("Orvane plugin") != std::string::npos) activations.push_back(record);
-    }
-    return activations;
-  }
-
-  bool SyslogHas(int severity, const std::string& message) {
-    for (const SyslogRecord& record : sandbox_->Syslog()) {
-      std::string text = record.message;
-      if (text.ends_with('\n')) text.pop_back();
-      if (record.ident == "orvane" && record.severity == severity && text == message) return true;
-    }
-    return false;
-  }
-
   /// Expects a load failure reported as the run goes on: raised as a system
   /// alert, logged as a warning.
   void ExpectLoadFailure(const std::string& text) {
@@ -109,9 +64,6 @@ class NativeE2E : public ::testing::Test {
     EXPECT_THAT(messages_, Contains(text));
     EXPECT_TRUE(SyslogHas(LOG_WARNING, text)) << text;
   }
-
-  std::unique_ptr<Sandbox> sandbox_;
-  std::vector<std::string> messages_;
 };
 
 // ---- runs
