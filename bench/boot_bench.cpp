@@ -1,0 +1,235 @@
+// A whole plain run of `orvane` over PLUGINS plugins that do nothing, a third
+// each of JSON descriptions (one command whose definition runs /bin/true),
+// debug injections (`true`) and native plugins (a no-op start in the helper
+// process), serial and with --parallel, against starting the same work
+// directly on the same number of threads: for each native plugin the helper
+// `nativeExecutor <library> <name> start`, for each injection system("true"),
+// for each JSON plugin a spawn of /bin/true. The executor process runs one
+// command line at a time, so the direct JSON spawns are serialised too
+// (one at a time, alongside the other work).
+//
+// It lays the plugins out on the host's fixed paths and runs the installed
+// program, so it runs only inside a sandbox: scripts/bench-boot builds,
+// stages and runs it there. Prints figures; asserts nothing.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kOrvane = "/usr/bin/orvane";
+constexpr const char* kNativeExecutor = "/usr/lib/talvek/orvane/nativeExecutor";
+constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins";
+constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
+constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
+constexpr const char* kTrueProgram = "/bin/true";
+constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
+constexpr int kRounds = 5;
+
+enum class Kind { kJSON, kDebug, kNative };
+
+struct Work {
+  Kind kind;
+  std::string name;
+  std::string library;  // native plugins only
+};
+
+std::string Numbered(const char* prefix, int index) {
+  char name[32];
+  std::snprintf(name, sizeof name, "%s%04d", prefix, index);
+  return name;
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::trunc);
+  out << content;
+  if (!out.flush()) {
+    std::fprintf(stderr, "cannot write %s\n", path.c_str());
+    std::exit(1);
+  }
+}
+
+// Plugin i is JSON, debug or native by i % 3; none requires or provides a
+// barrier, so the whole set is one level of independent plugins.
+std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
+  namespace fs = std::filesystem;
+  fs::remove_all(kPluginDirectory);
+  fs::create_directories(kPluginDirectory);
+  fs::create_directories(fs::path(kDebugConfiguration).parent_path());
+  fs::create_directories(fs::path(kDefinitionFile).parent_path());
+  WriteFile(kDefinitionFile,
+            R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
+            "\n");
+  std::vector<Work> work;
+  std::string debugConfiguration;
+  for (int index = 0; index < plugins; ++index) {
+    switch (index % 3) {
+      case 0: {
+        const std::string name = Numbered("json", index);
+        WriteFile(std::string(kPluginDirectory) + "/" + name + ".json",
+                  R"({"metadata": {"version": 1, "requires": [], "provides": []},)"
+                  R"( "operations": {"start": ["bench true"]}})"
+                  "\n");
+        work.push_back({Kind::kJSON, name, {}});
+        break;
+      }
+      case 1: {
+        const std::string name = Numbered("debug", index);
+        debugConfiguration += name + ":::true\n";
+        work.push_back({Kind::kDebug, name, {}});
+        break;
+      }
+      default: {
+        const std::string name = Numbered("native", index);
+        const std::string library = std::string(kPluginDirectory) + "/lib" + name + ".so";
+        fs::copy_file(nativeLibrary, library, fs::copy_options::overwrite_existing);
+        work.push_back({Kind::kNative, name, library});
+        break;
+      }
+    }
+  }
+  WriteFile(kDebugConfiguration, debugConfiguration);
+  return work;
+}
+
+// Starts argv with its standard streams on /dev/null and waits for it.
+void SpawnAndWait(const std::vector<std::string>& arguments) {
+  std::vector<char*> argv;
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t child = 0;
+  if (posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+    std::perror("posix_spawn");
+    std::exit(1);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "%s ended with status %#x\n", argv[0], status);
+    std::exit(1);
+  }
+}
+
+// One run of orvane. The executor's socket file outlives its executor (one
+// executor per boot: the host's /var/run starts empty), so each run begins
+// as a boot does, without it.
+void RunOrvane(const std::vector<std::string>& arguments) {
+  unlink(kExecutorSocket);
+  SpawnAndWait(arguments);
+}
+
+// Every item started on `threads` threads, each taking the next one; the
+// JSON items one at a time, as the executor process runs them.
+void RunDirect(const std::vector<Work>& work, int threads) {
+  std::atomic<std::size_t> next{0};
+  std::mutex executor;
+  std::vector<std::thread> workers;
+  for (int worker = 0; worker < threads; ++worker) {
+    workers.emplace_back([&] {
+      for (std::size_t index = next++; index < work.size(); index = next++) {
+        const Work& item = work[index];
+        switch (item.kind) {
+          case Kind::kJSON: {
+            const std::lock_guard<std::mutex> oneAtATime(executor);
+            SpawnAndWait({kTrueProgram});
+            break;
+          }
+          case Kind::kDebug:
+            if (std::system("true") != 0) std::exit(1);
+            break;
+          case Kind::kNative:
+            SpawnAndWait({kNativeExecutor, item.library, item.name, "start"});
+            break;
+        }
+      }
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+}
+
+// Median wall time in milliseconds of kRounds runs, after one warm-up.
+double MedianMilliseconds(const std::function<void()>& run) {
+  run();
+  std::vector<double> milliseconds;
+  for (int round = 0; round < kRounds; ++round) {
+    const Clock::time_point begin = Clock::now();
+    run();
+    milliseconds.push_back(std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
+  }
+  std::sort(milliseconds.begin(), milliseconds.end());
+  return milliseconds[milliseconds.size() / 2];
+}
+
+void Report(const char* mode, int threads, int plugins, double orvane, double direct) {
+  std::printf(
+      "%-8s threads %2d  orvane %8.1f ms (%6.3f ms/plugin)  direct %8.1f ms (%6.3f ms/plugin)  "
+      "ratio %.2f\n",
+      mode, threads, orvane, orvane / plugins, direct, direct / plugins, orvane / direct);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  if (argc < 2 || argc > 3) {
+    std::fprintf(stderr, "usage: %s NATIVE-LIBRARY [PLUGINS]\n", argv[0]);
+    return 2;
+  }
+  const int plugins = argc > 2 ? std::atoi(argv[2]) : 1000;
+  if (plugins < 1) {
+    std::fprintf(stderr, "usage: %s NATIVE-LIBRARY [PLUGINS]\n", argv[0]);
+    return 2;
+  }
+  const std::vector<Work> work = LayOut(plugins, argv[1]);
+  // orvane's own worker count under --parallel: twice the processors, at
+  // most one per plugin.
+  const int parallelThreads =
+      std::min(plugins, 2 * static_cast<int>(std::thread::hardware_concurrency()));
+  const auto count = [&](Kind kind) {
+    return std::count_if(work.begin(), work.end(), [&](const Work& item) { return item.kind == kind; });
+  };
+  std::printf("%d plugins doing nothing (%ld JSON, %ld debug, %ld native); median of %d runs\n",
+              plugins, count(Kind::kJSON), count(Kind::kDebug), count(Kind::kNative), kRounds);
+
+  const double serialOrvane = MedianMilliseconds([] { RunOrvane({kOrvane}); });
+  const double serialDirect = MedianMilliseconds([&] { RunDirect(work, 1); });
+  Report("serial", 1, plugins, serialOrvane, serialDirect);
+
+  const double parallelOrvane = MedianMilliseconds([] { RunOrvane({kOrvane, "--parallel"}); });
+  const double parallelDirect = MedianMilliseconds([&] { RunDirect(work, parallelThreads); });
+  Report("parallel", parallelThreads, plugins, parallelOrvane, parallelDirect);
+
+  // The JSON commands alone, one at a time: with enough threads the rest
+  // hides behind them, so this bounds the parallel direct run from below.
+  std::vector<Work> commands;
+  std::copy_if(work.begin(), work.end(), std::back_inserter(commands),
+               [](const Work& item) { return item.kind == Kind::kJSON; });
+  const double commandsDirect = MedianMilliseconds([&] { RunDirect(commands, 1); });
+  std::printf("JSON commands alone, direct and one at a time: %.1f ms\n", commandsDirect);
+  return 0;
+}
