@@ -31,9 +31,14 @@
 #include <thread>
 #include <vector>
 
+#include "SpawnTiming.h"
+
 extern char** environ;
 
 namespace {
+
+using orvane::bench::MedianMilliseconds;
+using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
 
@@ -77,9 +82,8 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
   fs::create_directories(kPluginDirectory);
   fs::create_directories(fs::path(kDebugConfiguration).parent_path());
   fs::create_directories(fs::path(kDefinitionFile).parent_path());
-  WriteFile(kDefinitionFile,
-            R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
-            "\n");
+  WriteFile(kDefinitionFile, R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
+                             "\n");
   std::vector<Work> work;
   std::string debugConfiguration;
   for (int index = 0; index < plugins; ++index) {
@@ -110,30 +114,6 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
   }
   WriteFile(kDebugConfiguration, debugConfiguration);
   return work;
-}
-
-// Starts argv with its standard streams on /dev/null and waits for it.
-void SpawnAndWait(const std::vector<std::string>& arguments) {
-  std::vector<char*> argv;
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t child = 0;
-  if (posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-    std::perror("posix_spawn");
-    std::exit(1);
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "%s ended with status %#x\n", argv[0], status);
-    std::exit(1);
-  }
 }
 
 // One run of orvane. The executor's socket file outlives its executor (one
@@ -173,19 +153,6 @@ void RunDirect(const std::vector<Work>& work, int threads) {
   for (std::thread& worker : workers) worker.join();
 }
 
-// Median wall time in milliseconds of kRounds runs, after one warm-up.
-double MedianMilliseconds(const std::function<void()>& run) {
-  run();
-  std::vector<double> milliseconds;
-  for (int round = 0; round < kRounds; ++round) {
-    const Clock::time_point begin = Clock::now();
-    run();
-    milliseconds.push_back(std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
-  }
-  std::sort(milliseconds.begin(), milliseconds.end());
-  return milliseconds[milliseconds.size() / 2];
-}
-
 void Report(const char* mode, int threads, int plugins, double orvane, double direct) {
   std::printf(
       "%-8s threads %2d  orvane %8.1f ms (%6.3f ms/plugin)  direct %8.1f ms (%6.3f ms/plugin)  "
@@ -211,17 +178,21 @@ int main(int argc, char* argv[]) {
   const int parallelThreads =
       std::min(plugins, 2 * static_cast<int>(std::thread::hardware_concurrency()));
   const auto count = [&](Kind kind) {
-    return std::count_if(work.begin(), work.end(), [&](const Work& item) { return item.kind == kind; });
+    return std::count_if(work.begin(), work.end(),
+                         [&](const Work& item) { return item.kind == kind; });
   };
   std::printf("%d plugins doing nothing (%ld JSON, %ld debug, %ld native); median of %d runs\n",
               plugins, count(Kind::kJSON), count(Kind::kDebug), count(Kind::kNative), kRounds);
 
-  const double serialOrvane = MedianMilliseconds([] { RunOrvane({kOrvane}); });
-  const double serialDirect = MedianMilliseconds([&] { RunDirect(work, 1); });
+  const double serialOrvane = MedianMilliseconds(kRounds, [] { RunOrvane({kOrvane}); });
+  const double serialDirect = MedianMilliseconds(kRounds, [&] { RunDirect(work, 1); });
   Report("serial", 1, plugins, serialOrvane, serialDirect);
 
-  const double parallelOrvane = MedianMilliseconds([] { RunOrvane({kOrvane, "--parallel"}); });
-  const double parallelDirect = MedianMilliseconds([&] { RunDirect(work, parallelThreads); });
+  const double parallelOrvane = MedianMilliseconds(kRounds, [] {
+    RunOrvane({kOrvane, "--parallel"});
+  });
+  const double parallelDirect =
+      MedianMilliseconds(kRounds, [&] { RunDirect(work, parallelThreads); });
   Report("parallel", parallelThreads, plugins, parallelOrvane, parallelDirect);
 
   // The JSON commands alone, one at a time: with enough threads the rest
@@ -229,7 +200,7 @@ int main(int argc, char* argv[]) {
   std::vector<Work> commands;
   std::copy_if(work.begin(), work.end(), std::back_inserter(commands),
                [](const Work& item) { return item.kind == Kind::kJSON; });
-  const double commandsDirect = MedianMilliseconds([&] { RunDirect(commands, 1); });
+  const double commandsDirect = MedianMilliseconds(kRounds, [&] { RunDirect(commands, 1); });
   std::printf("JSON commands alone, direct and one at a time: %.1f ms\n", commandsDirect);
   return 0;
 }

@@ -26,9 +26,14 @@
 #include <thread>
 #include <vector>
 
+#include "SpawnTiming.h"
+
 extern char** environ;
 
 namespace {
+
+using orvane::bench::MedianMilliseconds;
+using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
 
@@ -56,29 +61,6 @@ void LayOut(int scripts, int levels) {
     listing += ScriptPath(index) + " " + std::to_string(10 * (index % levels + 1)) + "\n";
   }
   WriteExecutable(kServiceTool, "#!/bin/sh\ncat <<'LISTING'\n" + listing + "LISTING\n");
-}
-
-// Starts argv with standard input and output on /dev/null and waits for it.
-void SpawnAndWait(std::vector<std::string> arguments) {
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t child = 0;
-  if (posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-    std::perror("posix_spawn");
-    std::exit(1);
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "%s ended with status %#x\n", argv[0], status);
-  }
 }
 
 // Scripts [first, last) started on `threads` threads, each taking the next one.
@@ -111,19 +93,6 @@ void RunDirectByLevel(int scripts, int levels, int threads) {
   }
 }
 
-// Median wall time in milliseconds of kRounds runs, after one warm-up.
-double MedianMilliseconds(const std::function<void()>& run) {
-  run();
-  std::vector<double> milliseconds;
-  for (int round = 0; round < kRounds; ++round) {
-    const Clock::time_point begin = Clock::now();
-    run();
-    milliseconds.push_back(std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
-  }
-  std::sort(milliseconds.begin(), milliseconds.end());
-  return milliseconds[milliseconds.size() / 2];
-}
-
 void Report(const char* mode, int threads, double orvane, double byLevel, double free) {
   std::printf(
       "%-8s threads %2d  orvane %8.1f ms  direct by level %8.1f ms (ratio %.2f)  "
@@ -148,19 +117,21 @@ int main(int argc, char* argv[]) {
   std::printf("%d scripts that exit at once in %d start orders; median of %d runs\n", scripts,
               levels, kRounds);
 
-  const double serialOrvane = MedianMilliseconds([] {
+  const double serialOrvane = MedianMilliseconds(kRounds, [] {
     SpawnAndWait({kOrvane, "--daemon=wait", "--method=start"});
   });
-  const double serialByLevel = MedianMilliseconds([&] { RunDirectByLevel(scripts, levels, 1); });
-  const double serialFree = MedianMilliseconds([&] { RunDirect(0, scripts, 1); });
+  const double serialByLevel =
+      MedianMilliseconds(kRounds, [&] { RunDirectByLevel(scripts, levels, 1); });
+  const double serialFree = MedianMilliseconds(kRounds, [&] { RunDirect(0, scripts, 1); });
   Report("serial", 1, serialOrvane, serialByLevel, serialFree);
 
-  const double parallelOrvane = MedianMilliseconds([] {
+  const double parallelOrvane = MedianMilliseconds(kRounds, [] {
     SpawnAndWait({kOrvane, "--daemon=wait", "--method=start", "--parallel"});
   });
   const double parallelByLevel =
-      MedianMilliseconds([&] { RunDirectByLevel(scripts, levels, parallelThreads); });
-  const double parallelFree = MedianMilliseconds([&] { RunDirect(0, scripts, parallelThreads); });
+      MedianMilliseconds(kRounds, [&] { RunDirectByLevel(scripts, levels, parallelThreads); });
+  const double parallelFree =
+      MedianMilliseconds(kRounds, [&] { RunDirect(0, scripts, parallelThreads); });
   Report("parallel", parallelThreads, parallelOrvane, parallelByLevel, parallelFree);
   return 0;
 }
