@@ -27,18 +27,7 @@ using ::testing::UnorderedElementsAreArray;
 
 constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kDefinitions = "/usr/lib/talvek/qorcli/test.json";
-constexpr const char* kRecorder = "/usr/local/bin/recordargs";
 constexpr const char* kRecord = "/tmp/record";
-
-// "test record --text X" appends X as a line to kRecord.
-constexpr const char* kDefinitionText = R"({
-  "commands": [
-    {"path": ["test", "record"], "parameters": [{"name": "text", "required": true}],
-     "exec": ["/usr/local/bin/recordargs", "{text}"]}
-  ]
-})";
-constexpr const char* kRecorderScript = "#!/bin/sh\nprintf '%s\\n' \"$*\" >> /tmp/record\n";
 
 /// A JSON list of strings.
 std::string List(const std::vector<std::string>& items) {
@@ -85,8 +74,7 @@ class EnumerationE2E : public OrvaneRunTest {
   void SetUp() override {
     OrvaneRunTest::SetUp();
     if (IsSkipped()) return;
-    sandbox_->WriteFile(kRecorder, kRecorderScript, 0755);
-    sandbox_->WriteFile(kDefinitions, kDefinitionText);
+    InstallRecordingCommands(*sandbox_);
   }
 
   void WritePlugin(const std::string& fileName, const std::string& content) {

@@ -30,20 +30,7 @@ using ::testing::Not;
 constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kHostProfile = "/etc/talvek/hostprofile.xml";
-constexpr const char* kDefinitions = "/usr/lib/talvek/qorcli/test.json";
-constexpr const char* kRecorder = "/usr/local/bin/recordargs";
 constexpr const char* kRecord = "/tmp/record";
-
-// "test record --text X" appends X as a line to kRecord; "test fail" runs
-// /bin/false.
-constexpr const char* kDefinitionText = R"({
-  "commands": [
-    {"path": ["test", "record"], "parameters": [{"name": "text", "required": true}],
-     "exec": ["/usr/local/bin/recordargs", "{text}"]},
-    {"path": ["test", "fail"], "exec": ["/bin/false"]}
-  ]
-})";
-constexpr const char* kRecorderScript = "#!/bin/sh\nprintf '%s\\n' \"$*\" >> /tmp/record\n";
 
 /// A JSON list of strings.
 std::string List(const std::vector<std::string>& items) {
@@ -71,8 +58,7 @@ class JSONPluginE2E : public OrvaneRunTest {
   void SetUp() override {
     OrvaneRunTest::SetUp();
     if (IsSkipped()) return;
-    sandbox_->WriteFile(kRecorder, kRecorderScript, 0755);
-    sandbox_->WriteFile(kDefinitions, kDefinitionText);
+    InstallRecordingCommands(*sandbox_);
   }
 
   void WritePlugin(const std::string& fileName, const std::string& content) {

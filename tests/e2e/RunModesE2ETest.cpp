@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -33,18 +34,7 @@ using ::testing::StartsWith;
 constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kRecord = "/tmp/record";
 constexpr const char* kGraph = "/tmp/graph.dot";
-constexpr const char* kDefinitions = "/usr/lib/talvek/qorcli/test.json";
-constexpr const char* kRecorder = "/usr/local/bin/recordargs";
 constexpr const char* kPreviousLog = "previous run\n";
-
-// "test record --text X" appends X as a line to /tmp/record.
-constexpr const char* kDefinitionText = R"({
-  "commands": [
-    {"path": ["test", "record"], "parameters": [{"name": "text", "required": true}],
-     "exec": ["/usr/local/bin/recordargs", "{text}"]}
-  ]
-})";
-constexpr const char* kRecorderScript = "#!/bin/sh\nprintf '%s\\n' \"$*\" >> /tmp/record\n";
 
 constexpr const char* kJSONPlugin =
     "{\"metadata\": {\"version\": 1, \"requires\": [], \"provides\": []},\n"
@@ -86,10 +76,9 @@ struct ModeCase {
 
 void PrintTo(const ModeCase& mode, std::ostream* out) { *out << mode.name; }
 
-const std::vector<std::string> kStarted = {"Activating Orvane plugin inject.",
-                                           "Orvane plugin inject activated.",
-                                           "Activating Orvane plugin jplug.",
-                                           "Orvane plugin jplug activated."};
+const std::vector<std::string> kStarted = {
+    "Activating Orvane plugin inject.", "Orvane plugin inject activated.",
+    "Activating Orvane plugin jplug.", "Orvane plugin jplug activated."};
 const std::vector<std::string> kJPlugStarted = {"Activating Orvane plugin jplug.",
                                                 "Orvane plugin jplug activated."};
 const std::vector<std::string> kInvoke = {"--invoke", "--method=start", "--plugin=jplug.json"};
@@ -103,45 +92,162 @@ std::vector<std::string> With(std::vector<std::string> options,
 std::vector<ModeCase> Modes() {
   const std::string dumpToFile = std::string("--dump-dependency-tree=") + kGraph;
   std::vector<ModeCase> modes = {
-      {"Plain", {}, 0, {"inject", "jplug"}, kStarted, Executor::LaunchedAndStopped,
-       ProfilingLog::BootBlock, true},
-      {"Init", {"--init"}, 0, {"zelsyslogd", "wexd start", "inject", "jplug"}, kStarted,
-       Executor::LaunchedAndStopped, ProfilingLog::BootBlock, true, Dump::None, {}, {},
+      {"Plain",
+       {},
+       0,
+       {"inject", "jplug"},
+       kStarted,
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       true},
+      {"Init",
+       {"--init"},
+       0,
+       {"zelsyslogd", "wexd start", "inject", "jplug"},
+       kStarted,
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       true,
+       Dump::None,
+       {},
+       {},
        {kMissingPidFile}},
-      {"Invoke", kInvoke, 0, {"jplug"}, kJPlugStarted, Executor::LaunchedAndStopped,
-       ProfilingLog::Untouched, true},
-      {"DaemonStart", {"--daemon", "--method=start"}, 0, {"start svc"},
-       {"Activating Orvane plugin svc.", "Orvane plugin svc activated."}, Executor::NotLaunched,
-       ProfilingLog::DaemonBlock, false},
-      {"DaemonStop", {"--daemon", "--method=stop"}, 0, {"stop svc"},
-       {"Deactivating Daemon svc.", "Daemon svc deactivated."}, Executor::NotLaunched,
-       ProfilingLog::DaemonBlock, false},
-      {"DumpToFile", {dumpToFile}, 0, {}, {}, Executor::LaunchedAndStopped,
-       ProfilingLog::BootBlock, false, Dump::ToFile, {"inject", "jplug"}},
-      {"DumpToStdout", {"--dump-dependency-tree"}, 0, {}, {}, Executor::LaunchedAndStopped,
-       ProfilingLog::BootBlock, false, Dump::ToStdout, {"inject", "jplug"}},
-      {"InitInvoke", With({"--init"}, kInvoke), 0, {"zelsyslogd", "wexd start", "jplug"},
-       kJPlugStarted, Executor::LaunchedAndStopped, ProfilingLog::Untouched, true, Dump::None,
-       {}, {}, {kMissingPidFile}},
-      {"InitDump", {"--init", dumpToFile}, 0, {"zelsyslogd", "wexd start"}, {},
-       Executor::LaunchedAndStopped, ProfilingLog::BootBlock, false, Dump::ToFile,
-       {"inject", "jplug"}, {}, {kMissingPidFile}},
-      {"InvokeDump", With(kInvoke, {dumpToFile}), 0, {}, {}, Executor::LaunchedAndStopped,
-       ProfilingLog::Untouched, false, Dump::ToFile, {"jplug"}, {"inject"}},
-      {"DaemonDump", {"--daemon", "--method=start", dumpToFile}, 0, {}, {}, Executor::NotLaunched,
-       ProfilingLog::DaemonBlock, false, Dump::ToFile, {"svc"}, {"inject", "jplug"}},
+      {"Invoke",
+       kInvoke,
+       0,
+       {"jplug"},
+       kJPlugStarted,
+       Executor::LaunchedAndStopped,
+       ProfilingLog::Untouched,
+       true},
+      {"DaemonStart",
+       {"--daemon", "--method=start"},
+       0,
+       {"start svc"},
+       {"Activating Orvane plugin svc.", "Orvane plugin svc activated."},
+       Executor::NotLaunched,
+       ProfilingLog::DaemonBlock,
+       false},
+      {"DaemonStop",
+       {"--daemon", "--method=stop"},
+       0,
+       {"stop svc"},
+       {"Deactivating Daemon svc.", "Daemon svc deactivated."},
+       Executor::NotLaunched,
+       ProfilingLog::DaemonBlock,
+       false},
+      {"DumpToFile",
+       {dumpToFile},
+       0,
+       {},
+       {},
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       false,
+       Dump::ToFile,
+       {"inject", "jplug"}},
+      {"DumpToStdout",
+       {"--dump-dependency-tree"},
+       0,
+       {},
+       {},
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       false,
+       Dump::ToStdout,
+       {"inject", "jplug"}},
+      {"InitInvoke",
+       With({"--init"}, kInvoke),
+       0,
+       {"zelsyslogd", "wexd start", "jplug"},
+       kJPlugStarted,
+       Executor::LaunchedAndStopped,
+       ProfilingLog::Untouched,
+       true,
+       Dump::None,
+       {},
+       {},
+       {kMissingPidFile}},
+      {"InitDump",
+       {"--init", dumpToFile},
+       0,
+       {"zelsyslogd", "wexd start"},
+       {},
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       false,
+       Dump::ToFile,
+       {"inject", "jplug"},
+       {},
+       {kMissingPidFile}},
+      {"InvokeDump",
+       With(kInvoke, {dumpToFile}),
+       0,
+       {},
+       {},
+       Executor::LaunchedAndStopped,
+       ProfilingLog::Untouched,
+       false,
+       Dump::ToFile,
+       {"jplug"},
+       {"inject"}},
+      {"DaemonDump",
+       {"--daemon", "--method=start", dumpToFile},
+       0,
+       {},
+       {},
+       Executor::NotLaunched,
+       ProfilingLog::DaemonBlock,
+       false,
+       Dump::ToFile,
+       {"svc"},
+       {"inject", "jplug"}},
       // --help wins over everything before it.
-      {"HelpAfterOtherOptions", {"--init", "--invoke", "--daemon", dumpToFile, "--help"}, 0, {},
-       {}, Executor::NotLaunched, ProfilingLog::Untouched, false},
+      {"HelpAfterOtherOptions",
+       {"--init", "--invoke", "--daemon", dumpToFile, "--help"},
+       0,
+       {},
+       {},
+       Executor::NotLaunched,
+       ProfilingLog::Untouched,
+       false},
       // Failures that end the run with 1.
-      {"StaleExecutorSocket", {"--init"}, 1, {"zelsyslogd", "wexd start"}, {},
-       Executor::FailedToStart, ProfilingLog::Untouched, false, Dump::None, {}, {}, {},
+      {"StaleExecutorSocket",
+       {"--init"},
+       1,
+       {"zelsyslogd", "wexd start"},
+       {},
+       Executor::FailedToStart,
+       ProfilingLog::Untouched,
+       false,
+       Dump::None,
+       {},
+       {},
+       {},
        Setup::StaleExecutorSocket},
-      {"MissingPluginDirectory", {"--plugin-directory=/nowhere"}, 1, {}, {},
-       Executor::LaunchedAndStopped, ProfilingLog::BootBlock, false, Dump::None, {}, {},
+      {"MissingPluginDirectory",
+       {"--plugin-directory=/nowhere"},
+       1,
+       {},
+       {},
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       false,
+       Dump::None,
+       {},
+       {},
        {"unhandled exception whilst enumerating plugins."}},
-      {"DumpToAnUnopenablePath", {"--dump-dependency-tree=/nowhere/graph.dot"}, 1, {}, {},
-       Executor::LaunchedAndStopped, ProfilingLog::BootBlock, false, Dump::Unopenable, {}, {},
+      {"DumpToAnUnopenablePath",
+       {"--dump-dependency-tree=/nowhere/graph.dot"},
+       1,
+       {},
+       {},
+       Executor::LaunchedAndStopped,
+       ProfilingLog::BootBlock,
+       false,
+       Dump::Unopenable,
+       {},
+       {},
        {"unable to open '/nowhere/graph.dot' for the dependency tree"}},
   };
   // Refused before any step of the run.
@@ -156,8 +262,8 @@ std::vector<ModeCase> Modes() {
       {"RefusedInitInvokeWithoutPlugin", {"--init", "--invoke", "--method=start"}},
   };
   for (const auto& [name, options] : refused) {
-    modes.push_back({name, options, 1, {}, {}, Executor::NotLaunched, ProfilingLog::Untouched,
-                     false});
+    modes.push_back(
+        {name, options, 1, {}, {}, Executor::NotLaunched, ProfilingLog::Untouched, false});
   }
   return modes;
 }
@@ -180,8 +286,7 @@ class RunModesE2E : public ::testing::TestWithParam<ModeCase> {
     sandbox_->WriteFile(paths::kEventDaemonScript, kEventDaemon, 0755);
     sandbox_->WriteFile(paths::kChkconfig, kServiceTool, 0755);
     sandbox_->WriteFile("/etc/init.d/svc", kInitdScript, 0755);
-    sandbox_->WriteFile(kRecorder, kRecorderScript, 0755);
-    sandbox_->WriteFile(kDefinitions, kDefinitionText);
+    InstallRecordingCommands(*sandbox_);
     sandbox_->WriteFile(std::string(paths::kPluginDirectory) + "/jplug.json", kJSONPlugin);
     sandbox_->WriteFile(paths::kDebugConfiguration, kInjection);
     sandbox_->WriteFile(paths::kProfilingLog, kPreviousLog);
@@ -224,9 +329,7 @@ TEST_P(RunModesE2E, TakesExactlyTheStepsOfItsMode) {
   EXPECT_EQ(Sorted(Activations()), Sorted(mode.activations));
 
   switch (mode.executor) {
-    case Executor::NotLaunched:
-      EXPECT_THAT(messages, Not(Contains(HasSubstr("Executor"))));
-      break;
+    case Executor::NotLaunched: EXPECT_THAT(messages, Not(Contains(HasSubstr("Executor")))); break;
     case Executor::LaunchedAndStopped:
       EXPECT_THAT(messages, Contains("Launching Executor"));
       EXPECT_THAT(messages, Contains("Executor has been Successfully Stopped"));
@@ -241,9 +344,7 @@ TEST_P(RunModesE2E, TakesExactlyTheStepsOfItsMode) {
 
   const std::string log = sandbox_->ReadFile(paths::kProfilingLog);
   switch (mode.log) {
-    case ProfilingLog::Untouched:
-      EXPECT_EQ(log, kPreviousLog);
-      break;
+    case ProfilingLog::Untouched: EXPECT_EQ(log, kPreviousLog); break;
     case ProfilingLog::BootBlock:
       EXPECT_THAT(log, StartsWith("ZELKernel Initialization Time: "));
       EXPECT_THAT(log, HasSubstr("\n=== Orvane configuration info ===\n"));
@@ -305,7 +406,8 @@ TEST_P(RunModesE2E, TakesExactlyTheStepsOfItsMode) {
   for (const std::string& message : mode.messagesHave) {
     EXPECT_THAT(messages, Contains(StartsWith(message))) << result.out;
   }
-  if (mode.setup == Setup::Host && mode.options == std::vector<std::string>{"--plugin-directory=/nowhere"}) {
+  if (mode.setup == Setup::Host &&
+      mode.options == std::vector<std::string>{"--plugin-directory=/nowhere"}) {
     EXPECT_THAT(result.out, HasSubstr("Details:\n filesystem error: directory iterator cannot open "
                                       "directory: No such file or directory [/nowhere] \n"));
   }
@@ -448,9 +550,10 @@ TEST(RunModesDurabilityE2E, KillingOrvaneWhileItWritesTheProfilingLogNeverLeaves
     temporaryLeft += left;
     previous = log;
   }
-  std::printf("kills: %d; during the write (temporary file left behind): %d; "
-              "log replaced by a new whole block: %d; log left as it was: %d\n",
-              kKills, temporaryLeft, replaced, untouched);
+  std::printf(
+      "kills: %d; during the write (temporary file left behind): %d; "
+      "log replaced by a new whole block: %d; log left as it was: %d\n",
+      kKills, temporaryLeft, replaced, untouched);
   // The kills must really hit the write, or this test shows nothing.
   EXPECT_GE(temporaryLeft, kKills / 6);
 }

@@ -15,6 +15,21 @@
 
 namespace orvane::testing {
 
+/// Installs the test command definitions into @p sandbox: "test record
+/// --text X" appends X as a line to /tmp/record, "test fail" runs
+/// /bin/false.
+inline void InstallRecordingCommands(Sandbox& sandbox) {
+  sandbox.WriteFile("/usr/local/bin/recordargs",
+                    "#!/bin/sh\nprintf '%s\\n' \"$*\" >> /tmp/record\n", 0755);
+  sandbox.WriteFile("/usr/lib/talvek/qorcli/test.json", R"({
+  "commands": [
+    {"path": ["test", "record"], "parameters": [{"name": "text", "required": true}],
+     "exec": ["/usr/local/bin/recordargs", "{text}"]},
+    {"path": ["test", "fail"], "exec": ["/bin/false"]}
+  ]
+})");
+}
+
 class OrvaneRunTest : public ::testing::Test {
  protected:
   static constexpr const char* kOrvaneProgram = "/usr/bin/orvane";
