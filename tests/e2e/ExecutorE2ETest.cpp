@@ -27,6 +27,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 
 constexpr const char* kProbe = "/usr/local/bin/executorprobe";
 constexpr const char* kOrvane = "/usr/bin/orvane";
@@ -117,8 +118,10 @@ TEST_F(ExecutorE2E, CommandRunsInTheExecutorWhichStopsOnRequest) {
   EXPECT_THAT(Recorded(), ElementsAre("hello"));
   EXPECT_THAT(ClientLog(), ElementsAre("Setting up Executor - Reset Requested",
                                        "Executor has been Successfully Stopped"));
-  EXPECT_THAT(ExecutorLog(), ElementsAre("Executor Reset - polling for commands",
-                                         "Orvane executor signalled to stop"));
+  // The executor's main thread logs "polling" after starting the event loop,
+  // which may already be serving; so the two lines come in either order.
+  EXPECT_THAT(ExecutorLog(), UnorderedElementsAre("Executor Reset - polling for commands",
+                                                  "Orvane executor signalled to stop"));
   // The socket file is left behind.
   EXPECT_TRUE(sandbox_->Exists(kSocket));
 }
@@ -360,8 +363,10 @@ TEST_F(ExecutorE2E, PlainRunStartsTheExecutorFirstAndStopsItAtTheEnd) {
   EXPECT_THAT(LogMessages(result.out),
               ElementsAre("Launching Executor", "Setting up Executor - Reset Requested",
                           "Executor has been Successfully Stopped"));
-  EXPECT_THAT(ExecutorLog(), ElementsAre("Executor Reset - polling for commands",
-                                         "Orvane executor signalled to stop"));
+  // The executor's own "polling" line races with the stop request of a run
+  // without plugins, and the sandbox ends the executor as soon as orvane
+  // exits; the stop it received is what shows that it served the run.
+  EXPECT_THAT(ExecutorLog(), Contains("Orvane executor signalled to stop"));
   EXPECT_TRUE(SyslogHas(LOG_INFO, "Launching Executor\n"));
 }
 
