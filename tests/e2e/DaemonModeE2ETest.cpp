@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -24,28 +25,16 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kServiceTool = "/bin/chkconfig";
 constexpr const char* kInitd = "/etc/init.d/";
-constexpr const char* kRecord = "/tmp/record";
 
 /// The body of an init.d script that records "<action> <name>".
 std::string Recording(const std::string& name) {
   return "echo \"$1 " + name + "\" >> /tmp/record\n";
 }
 
-/// Where @p entry stands in @p entries; the size when it is absent.
-std::size_t Position(const std::vector<std::string>& entries, const std::string& entry) {
-  return std::find(entries.begin(), entries.end(), entry) - entries.begin();
-}
-
-class DaemonModeE2E : public ::testing::Test {
+class DaemonModeE2E : public OrvaneRunTest {
  protected:
-  void SetUp() override {
-    ORVANE_REQUIRE_SANDBOX();
-    sandbox_ = std::make_unique<Sandbox>();
-  }
-
   /// A service tool whose priority listing is @p listing.
   void WriteListing(const std::string& listing) {
     sandbox_->WriteFile(
@@ -60,33 +49,14 @@ class DaemonModeE2E : public ::testing::Test {
     return path;
   }
 
-  /// Runs orvane with @p options; expects it to end by itself.
+  /// Runs orvane with @p options as the base does, timing the run in elapsed_.
   RunResult Orvane(std::vector<std::string> options) {
-    options.insert(options.begin(), kOrvane);
     const auto begin = std::chrono::steady_clock::now();
-    RunResult result = sandbox_->Run(options);
+    RunResult result = OrvaneRunTest::Orvane(std::move(options));
     elapsed_ = std::chrono::steady_clock::now() - begin;
-    EXPECT_FALSE(result.timedOut);
-    messages_ = LogMessages(result.out);
     return result;
   }
 
-  std::vector<std::string> Recorded() {
-    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
-                                     : std::vector<std::string>{};
-  }
-
-  /// The informational kernel-log records without their prefix.
-  std::vector<std::string> KernelLog() {
-    std::vector<std::string> records;
-    for (const std::string& line : Lines(sandbox_->Kmsg())) {
-      records.push_back(line.starts_with("<6>orvane: ") ? line.substr(11) : line);
-    }
-    return records;
-  }
-
-  std::unique_ptr<Sandbox> sandbox_;
-  std::vector<std::string> messages_;
   std::chrono::steady_clock::duration elapsed_{};
 };
 

@@ -48,11 +48,6 @@ std::string Record(const std::string& name, const std::string& text) {
   return name + ":::echo " + text + " >> /tmp/record\n";
 }
 
-/// Where @p entry stands in @p entries; the size when it is absent.
-std::size_t Position(const std::vector<std::string>& entries, const std::string& entry) {
-  return std::find(entries.begin(), entries.end(), entry) - entries.begin();
-}
-
 class DebugRunE2E : public OrvaneRunTest {
  protected:
   void WriteDebugConfiguration(const std::string& content) {

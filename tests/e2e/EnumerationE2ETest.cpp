@@ -29,15 +29,6 @@ constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kRecord = "/tmp/record";
 
-/// A JSON list of strings.
-std::string List(const std::vector<std::string>& items) {
-  std::string list = "[";
-  for (const std::string& item : items) {
-    list += (list.size() > 1 ? ", \"" : "\"") + item + "\"";
-  }
-  return list + "]";
-}
-
 /// What a version-3 description declares besides its start command.
 struct Declared {
   std::vector<std::string> required;
@@ -50,10 +41,10 @@ struct Declared {
 
 /// A version-3 description whose start records @p text.
 std::string Description(const std::string& text, const Declared& declared = {}) {
-  return "{\"metadata\": {\"version\": 3, \"requires\": " + List(declared.required) +
-         ", \"provides\": " + List(declared.provided) +
-         ", \"required_flags\": " + List(declared.requiredFlags) +
-         ", \"disabling_flags\": " + List(declared.disablingFlags) +
+  return "{\"metadata\": {\"version\": 3, \"requires\": " + JsonList(declared.required) +
+         ", \"provides\": " + JsonList(declared.provided) +
+         ", \"required_flags\": " + JsonList(declared.requiredFlags) +
+         ", \"disabling_flags\": " + JsonList(declared.disablingFlags) +
          ", \"run_once\": " + (declared.runOnce ? "true" : "false") + ", \"plugin_version\": \"" +
          declared.pluginVersion + "\"},\n \"operations\": {\"start\": [\"test record --text " +
          text + "\"]}}\n";

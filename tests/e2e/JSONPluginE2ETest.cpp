@@ -32,22 +32,13 @@ constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kHostProfile = "/etc/talvek/hostprofile.xml";
 constexpr const char* kRecord = "/tmp/record";
 
-/// A JSON list of strings.
-std::string List(const std::vector<std::string>& items) {
-  std::string list = "[";
-  for (const std::string& item : items) {
-    list += (list.size() > 1 ? ", \"" : "\"") + item + "\"";
-  }
-  return list + "]";
-}
-
 /// A version-1 description.
 std::string Description(const std::vector<std::string>& required,
                         const std::vector<std::string>& provided,
                         const std::vector<std::string>& start) {
-  return "{\"metadata\": {\"version\": 1, \"requires\": " + List(required) +
-         ", \"provides\": " + List(provided) + "},\n \"operations\": {\"start\": " + List(start) +
-         "}}\n";
+  return "{\"metadata\": {\"version\": 1, \"requires\": " + JsonList(required) +
+         ", \"provides\": " + JsonList(provided) +
+         "},\n \"operations\": {\"start\": " + JsonList(start) + "}}\n";
 }
 
 /// The command line that records @p text.

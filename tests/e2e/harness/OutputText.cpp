@@ -1,5 +1,6 @@
 #include "OutputText.h"
 
+#include <algorithm>
 #include <regex>
 #include <sstream>
 
@@ -20,6 +21,18 @@ std::vector<std::string> LogMessages(const std::string& text) {
     if (std::regex_match(line, match, kLogLine)) messages.push_back(match[1]);
   }
   return messages;
+}
+
+std::size_t Position(const std::vector<std::string>& entries, const std::string& entry) {
+  return std::find(entries.begin(), entries.end(), entry) - entries.begin();
+}
+
+std::string JsonList(const std::vector<std::string>& items) {
+  std::string list = "[";
+  for (const std::string& item : items) {
+    list += (list.size() > 1 ? ", \"" : "\"") + item + "\"";
+  }
+  return list + "]";
 }
 
 }  // namespace orvane::testing
