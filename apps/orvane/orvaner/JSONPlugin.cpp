@@ -1,22 +1,18 @@
 #include "orvaner/JSONPlugin.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <boost/json/error.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/parse_options.hpp>
 #include <boost/json/value.hpp>
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <exception>
 #include <limits>
 #include <utility>
 
+#include "hostfile/HostFile.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
 #include "orvaner/GraphLock.h"
@@ -74,52 +70,6 @@ class Refusal : public std::exception {
  private:
   std::string reason_;
 };
-
-enum class ReadResult { Read, CannotOpen, TooLarge };
-
-// The whole file in one buffer, read with as few calls as its size allows.
-// O_NONBLOCK keeps a FIFO without a writer from holding up the boot; it
-// then reads as empty. A read error ends the content where it happened, as
-// the end of a stream would.
-ReadResult ReadWholeFile(const std::string& path, std::string& content) {
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    return ReadResult::CannotOpen;
-  }
-  struct stat status {};
-  std::size_t expected = 0;
-  if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
-    if (static_cast<std::uint64_t>(status.st_size) > JSONPlugin::kMaxDescriptionSize) {
-      ::close(descriptor);
-      return ReadResult::TooLarge;
-    }
-    expected = static_cast<std::size_t>(status.st_size);
-  }
-  // One byte more than expected, so that a file that grew since fstat
-  // shows it at once; devices and pipes are read in blocks up to the limit.
-  content.resize(expected + 1 > 4096 ? expected + 1 : 4096);
-  std::size_t length = 0;
-  for (;;) {
-    if (length == content.size()) {
-      if (length > JSONPlugin::kMaxDescriptionSize) {
-        ::close(descriptor);
-        return ReadResult::TooLarge;
-      }
-      content.resize(std::min(content.size() * 2, JSONPlugin::kMaxDescriptionSize + 1));
-    }
-    const ssize_t count = ::read(descriptor, content.data() + length, content.size() - length);
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count <= 0) {
-      break;
-    }
-    length += static_cast<std::size_t>(count);
-  }
-  ::close(descriptor);
-  content.resize(length);
-  return length > JSONPlugin::kMaxDescriptionSize ? ReadResult::TooLarge : ReadResult::Read;
-}
 
 // A JSON number truncated toward zero; values beyond the 32-bit range are
 // held at its ends, where they are as unsupported as they were.
@@ -194,37 +144,42 @@ void JSONPlugin::KeepIfLinked(std::unique_ptr<JSONPlugin> plugin, BarrierRegistr
 
 void JSONPlugin::ReadDescription(const std::string& path, BarrierRegistry& registry) {
   try {
-    std::string content;
-    switch (ReadWholeFile(path, content)) {
-      case ReadResult::Read: break;
-      case ReadResult::CannotOpen: throw Refusal(kCannotOpen);
-      case ReadResult::TooLarge:
-        throw Refusal("description is larger than " + std::to_string(kMaxDescriptionSize) +
-                      " bytes");
+    hostfile::FileContent description = hostfile::ReadHostFile(path, kMaxDescriptionSize);
+    switch (description.status) {
+      case hostfile::ReadStatus::Read: break;
+      // Whatever made the open fail, the reason reads the same.
+      case hostfile::ReadStatus::CannotOpen: throw Refusal(kCannotOpen);
+      case hostfile::ReadStatus::TooLarge:
+        throw Refusal("description is " + description.Problem());
+      case hostfile::ReadStatus::NotRegular:
+      case hostfile::ReadStatus::ReadFailed: throw Refusal(description.Problem());
     }
-
-    // Everything the parser allocates goes into one arena, first on the
-    // stack, released at once when the description has been read.
-    unsigned char arenaStart[4096];
-    boost::json::monotonic_resource arena(arenaStart, sizeof arenaStart);
-    boost::json::parse_options options;
-    options.allow_comments = true;
-    options.allow_invalid_utf8 = true;  // command lines are passed on as bytes
-    options.max_depth = kMaxNestingDepth;
-    boost::system::error_code error;
-    const boost::json::value root = boost::json::parse(content, error, &arena, options);
-    if (error == boost::json::error::too_deep) {
-      throw Refusal("description nests deeper than " + std::to_string(kMaxNestingDepth) +
-                    " levels");
-    }
-    if (error || !root.is_object()) {
-      throw Refusal(kRootNotObject);
-    }
-    ReadMetadata(root.get_object(), registry);
-    ReadOperations(root.get_object());
+    ParseDescription(description.text, registry);
   } catch (const Refusal& refusal) {
     throw InvalidPluginException(path, refusal.what());
   }
+}
+
+void JSONPlugin::ParseDescription(std::string_view content, BarrierRegistry& registry) {
+  // Everything the parser allocates goes into one arena, first on the
+  // stack, released at once when the description has been read.
+  unsigned char arenaStart[4096];
+  boost::json::monotonic_resource arena(arenaStart, sizeof arenaStart);
+  boost::json::parse_options options;
+  options.allow_comments = true;
+  options.allow_invalid_utf8 = true;  // command lines are passed on as bytes
+  options.max_depth = kMaxNestingDepth;
+  boost::system::error_code error;
+  const boost::json::value root = boost::json::parse(content, error, &arena, options);
+  if (error == boost::json::error::too_deep) {
+    throw Refusal("description nests deeper than " + std::to_string(kMaxNestingDepth) +
+                  " levels");
+  }
+  if (error || !root.is_object()) {
+    throw Refusal(kRootNotObject);
+  }
+  ReadMetadata(root.get_object(), registry);
+  ReadOperations(root.get_object());
 }
 
 void JSONPlugin::ReadMetadata(const boost::json::object& root, BarrierRegistry& registry) {

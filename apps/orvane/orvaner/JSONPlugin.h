@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "orvaner/BarrierRegistry.h"
@@ -65,6 +66,8 @@ class JSONPlugin : public Plugin {
   /// Reads and checks the description, filling the fields and linking the
   /// barriers as it goes. Throws InvalidPluginException.
   void ReadDescription(const std::string& path, BarrierRegistry& registry);
+  /// The checks of ReadDescription on the text of a description.
+  void ParseDescription(std::string_view content, BarrierRegistry& registry);
 
   /// Builds a plugin of class @p PluginKind (this class or a test's
   /// subclass) as Load describes.

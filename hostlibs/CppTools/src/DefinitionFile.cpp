@@ -1,16 +1,13 @@
 #include "DefinitionFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/json/parse_options.hpp>
 #include <boost/json/stream_parser.hpp>
 #include <boost/json/value.hpp>
-#include <cerrno>
-#include <cstring>
 #include <set>
 #include <stdexcept>
+#include <utility>
+
+#include "hostfile/HostFile.h"
 
 namespace CppTools::AutoCli::detail {
 namespace {
@@ -23,37 +20,15 @@ class SchemaError : public std::runtime_error {
       : std::runtime_error(where + ": " + problem) {}
 };
 
+// A definition file is a few kilobytes; a runaway one is not read.
+constexpr std::size_t kMaxDefinitionFileSize = 16 * 1024 * 1024;
+
 std::string ReadRegularFile(const std::string& file) {
-  // O_NONBLOCK keeps a FIFO named *.json from blocking the open; the type
-  // check below rejects it anyway.
-  int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    throw std::runtime_error(file + ": cannot open: " + std::strerror(errno));
+  hostfile::FileContent content = hostfile::ReadHostFile(file, kMaxDefinitionFileSize);
+  if (!content.Ok()) {
+    throw std::runtime_error(file + ": " + content.Problem());
   }
-  struct stat status {};
-  if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-    ::close(descriptor);
-    throw std::runtime_error(file + ": not a regular file");
-  }
-  std::string content;
-  char buffer[65536];
-  for (;;) {
-    ssize_t count = ::read(descriptor, buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count < 0) {
-      int error = errno;
-      ::close(descriptor);
-      throw std::runtime_error(file + ": cannot read: " + std::strerror(error));
-    }
-    if (count == 0) {
-      break;
-    }
-    content.append(buffer, static_cast<std::size_t>(count));
-  }
-  ::close(descriptor);
-  return content;
+  return std::move(content.text);
 }
 
 boost::json::value ParseJson(const std::string& file, const std::string& text) {

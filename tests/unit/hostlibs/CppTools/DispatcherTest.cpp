@@ -173,9 +173,9 @@ TEST_F(DispatcherTest, UnreadableEntriesAreReportedAndSkippedWhileOthersLoad) {
   Load("defs");
 
   EXPECT_THAT(dispatcher_.GetLoadErrors(),
-              ElementsAre(directory_ / "defs/b-directory.json" + ": not a regular file",
-                          StartsWith(directory_ / "defs/c-dangling.json" + ": cannot open: "),
-                          directory_ / "defs/d-fifo.json" + ": not a regular file"));
+              ElementsAre(directory_ / "defs/b-directory.json" + ": not a regular file (a directory)",
+                          StartsWith(directory_ / "defs/c-dangling.json" + ": cannot be opened: "),
+                          directory_ / "defs/d-fifo.json" + ": not a regular file (a FIFO)"));
   EXPECT_NE(dispatcher_.FindCommand({"before"}), nullptr);
   EXPECT_NE(dispatcher_.FindCommand({"after"}), nullptr);
 }
