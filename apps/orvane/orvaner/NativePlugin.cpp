@@ -10,11 +10,12 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
+#include <limits>
 #include <string>
 #include <utility>
 
 #include "ZelkuserCompat/Spawn.h"
+#include "hostfile/HostFile.h"
 #include "orvane/plugin.h"
 #include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
@@ -47,26 +48,34 @@ std::string LastLoaderError() {
   return error != nullptr ? error : "";
 }
 
+// Reads exactly @p length bytes at @p offset; false for anything less.
+bool ReadAt(int descriptor, void* bytes, std::size_t length, std::uint64_t offset) {
+  if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return false;
+  ssize_t count;
+  do {
+    count = ::pread(descriptor, bytes, length, static_cast<off_t>(offset));
+  } while (count < 0 && errno == EINTR);
+  return count == static_cast<ssize_t>(length);
+}
+
 // The loader maps an object's segments straight from the file. When a
 // loadable segment reaches past the end of a cut-off file, touching its
 // missing pages raises SIGBUS in this process instead of a loader error, so
 // such an object is refused before it is opened. Anything this cannot read
 // as a 64-bit ELF object of this machine's byte order is left to the loader,
 // which says what is wrong with it.
-std::string TruncationReason(const std::string& libraryPath) {
-  std::ifstream file(libraryPath, std::ios::binary);
+std::string TruncationReason(int descriptor, std::uint64_t fileSize,
+                             const std::string& libraryPath) {
   Elf64_Ehdr header{};
-  if (!file.read(reinterpret_cast<char*>(&header), sizeof header) ||
+  if (!ReadAt(descriptor, &header, sizeof header, 0) ||
       std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
       header.e_ident[EI_DATA] != kNativeByteOrder || header.e_phentsize != sizeof(Elf64_Phdr)) {
     return "";
   }
-  file.seekg(0, std::ios::end);
-  const auto fileSize = static_cast<std::uint64_t>(file.tellg());
   for (std::uint16_t index = 0; index < header.e_phnum; ++index) {
     Elf64_Phdr segment{};
-    file.seekg(static_cast<std::streamoff>(header.e_phoff + index * sizeof segment));
-    if (!file.read(reinterpret_cast<char*>(&segment), sizeof segment)) {
+    if (!ReadAt(descriptor, &segment, sizeof segment,
+                header.e_phoff + std::uint64_t{index} * sizeof segment)) {
       return "";
     }
     const std::uint64_t segmentEnd = segment.p_offset + segment.p_filesz;
@@ -78,8 +87,24 @@ std::string TruncationReason(const std::string& libraryPath) {
   return "";
 }
 
+// What makes the object at @p libraryPath unfit to be opened at all, or "".
+// Only a regular file is handed to the loader: opening a FIFO would wait
+// for a writer for ever. A file that cannot be opened is left to the
+// loader, whose reason names the cause as it always has.
+std::string UnfitReason(const std::string& libraryPath) {
+  hostfile::FileContent failure;
+  off_t size = 0;
+  const int descriptor = hostfile::OpenRegularFile(libraryPath, failure, &size);
+  if (descriptor < 0) {
+    return failure.status == hostfile::ReadStatus::NotRegular ? failure.Problem() : "";
+  }
+  std::string reason = TruncationReason(descriptor, static_cast<std::uint64_t>(size), libraryPath);
+  ::close(descriptor);
+  return reason;
+}
+
 void* OpenLibrary(const std::string& libraryPath) {
-  if (std::string reason = TruncationReason(libraryPath); !reason.empty()) {
+  if (std::string reason = UnfitReason(libraryPath); !reason.empty()) {
     throw InvalidPluginException(libraryPath, reason);
   }
   dlerror();

@@ -306,6 +306,28 @@ TEST_F(NativePluginTest, TruncatedObjectIsRefusedBeforeTheLoaderMapsIt) {
   EXPECT_FALSE(IsLoaded(path));
 }
 
+// The loader opens what it is given with a plain open, which waits for a
+// FIFO's writer for ever.
+TEST_F(NativePluginTest, FifoIsRefusedBeforeTheLoaderOpensIt) {
+  const std::string path = temporary_ / "libx.so";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(LoadFailure<InvalidPluginException>("x", path),
+            "plugin `" + path + "' is invalid: not a regular file (a FIFO)");
+}
+
+TEST_F(NativePluginTest, DirectoryIsRefusedAsNotARegularFile) {
+  const std::string path = temporary_ / "dir.so";
+  std::filesystem::create_directory(path);
+  EXPECT_EQ(LoadFailure<InvalidPluginException>("dir", path),
+            "plugin `" + path + "' is invalid: not a regular file (a directory)");
+}
+
+TEST_F(NativePluginTest, LinkToAPluginObjectIsFollowed) {
+  const std::string path = temporary_ / "liblinked.so";
+  std::filesystem::create_symlink(ORVANE_EXAMPLE_PLUGIN, path);
+  EXPECT_EQ(Load("linked", path).GetApiVersion(), 4);
+}
+
 TEST_F(NativePluginTest, ObjectOfAnotherMachineIsInvalid) {
   // A 64-bit little-endian shared-object header for AArch64 (machine 183).
   std::string header(64, '\0');
