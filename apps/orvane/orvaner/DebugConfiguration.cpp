@@ -1,18 +1,15 @@
 #include "orvaner/DebugConfiguration.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/token_functions.hpp>
 #include <boost/tokenizer.hpp>
-#include <cerrno>
 #include <iterator>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <utility>
 
+#include "hostfile/HostFile.h"
 #include "log/Log.h"
 
 namespace orvane {
@@ -55,25 +52,18 @@ bool ParseDebugEntry(const std::string& line, DebugEntry& entry) {
   }
 }
 
-// The whole text of the file at @p path; false when it cannot be opened or
-// read (a directory, for one), which gives no entries.
-bool ReadWholeFile(const std::string& path, std::string& content) {
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) {
-    return false;
-  }
-  char buffer[65536];
-  ssize_t count;
-  while ((count = ::read(descriptor, buffer, sizeof buffer)) != 0) {
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      ::close(descriptor);
-      return false;
-    }
-    content.append(buffer, static_cast<std::size_t>(count));
-  }
-  ::close(descriptor);
-  return true;
+// A configuration that is there but cannot be read as one (a FIFO, a
+// directory, a runaway file) gives no entries, like a missing one, but is
+// worth a warning: once for each problem, as the loader reads the file once
+// per plugin file.
+void WarnOfUnreadableConfiguration(const std::string& path, const std::string& problem) {
+  static std::mutex warnedMutex;
+  static std::string lastWarning;
+  const std::string warning = path + ": " + problem;
+  std::lock_guard<std::mutex> lock(warnedMutex);
+  if (warning == lastWarning) return;
+  lastWarning = warning;
+  Log_Level(LOG_LEVEL_WARNING, "ignoring the debug configuration %s\n", warning.c_str());
 }
 
 /// A configuration text and what it says: its entries and its malformed
@@ -110,10 +100,14 @@ ParsedConfiguration Parse(std::string content) {
 }  // namespace
 
 std::shared_ptr<const std::vector<DebugEntry>> ReadDebugEntries(const std::string& path) {
-  std::string content;
-  if (!ReadWholeFile(path, content)) {
+  hostfile::FileContent file = hostfile::ReadHostFile(path, kMaxDebugConfigurationSize);
+  if (!file.Ok()) {
+    if (file.status != hostfile::ReadStatus::CannotOpen) {
+      WarnOfUnreadableConfiguration(path, file.Problem());
+    }
     return std::make_shared<const std::vector<DebugEntry>>();
   }
+  std::string& content = file.text;
   // The file is read afresh on every call, but the loader calls once per
   // plugin file: when the text is the one parsed last time, its entries and
   // its malformed lines are taken from then instead of being parsed again.

@@ -2,6 +2,7 @@
 /// graph, one per line of a plain text file.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,10 @@ struct DebugEntry {
   std::string command;                        ///< handed to the shell as it stands
 };
 
+/// A debug configuration larger than this is not read: it is written by
+/// hand, a line per injection.
+inline constexpr std::size_t kMaxDebugConfigurationSize = 16 * 1024 * 1024;
+
 /// Reads the debug configuration at @p path and appends one entry per valid
 /// line to @p entries, in file order. A line is trimmed of the locale's white
 /// space; an empty one is skipped. The rest is split on ":" into exactly four
@@ -26,8 +31,10 @@ struct DebugEntry {
 /// character quotes a field, both removed from the values. Any other line,
 /// including one whose escapes the splitter rejects (an unknown escape or a
 /// line ending in "\"), is logged at level 5 as malformed with its 1-based
-/// number and skipped. A file that cannot be opened gives no entries. Never
-/// throws for the content of the file.
+/// number and skipped. A file that cannot be opened gives no entries; so
+/// does one that is not a regular file or is larger than
+/// kMaxDebugConfigurationSize, with a warning at level 3. Never throws for
+/// the content of the file.
 void ReadDebugConfiguration(std::vector<DebugEntry>& entries,
                             const std::string& path = paths::kDebugConfiguration);
 

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -195,8 +196,32 @@ TEST_F(DebugConfigurationTest, MissingFileGivesNoEntriesAndNoMessage) {
   EXPECT_EQ(logged, "");
 }
 
-TEST_F(DebugConfigurationTest, DirectoryGivesNoEntries) {
+TEST_F(DebugConfigurationTest, DirectoryGivesNoEntriesAndAWarning) {
   EXPECT_THAT(ReadPath(directory_.string()), IsEmpty());
+  EXPECT_EQ(logged, "ignoring the debug configuration " + directory_.string() +
+                        ": not a regular file (a directory)\n");
+}
+
+// A FIFO without a writer would hold an ordinary open for ever.
+TEST_F(DebugConfigurationTest, FifoReadsAsAbsentWithAWarningOnceForManyReads) {
+  const std::string fifo = (directory_ / "fifo.conf").string();
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_THAT(ReadPath(fifo), IsEmpty());
+  EXPECT_EQ(logged, "ignoring the debug configuration " + fifo + ": not a regular file (a FIFO)\n");
+  // The loader reads the configuration once per plugin file.
+  EXPECT_THAT(ReadPath(fifo), IsEmpty());
+  EXPECT_EQ(logged, "");
+}
+
+TEST_F(DebugConfigurationTest, ConfigurationLargerThanItsBoundReadsAsAbsentWithAWarning) {
+  std::string large;
+  while (large.size() <= kMaxDebugConfigurationSize) large += "inj:a:b:true\n";
+  EXPECT_THAT(Read(large), IsEmpty());
+  EXPECT_EQ(logged, "ignoring the debug configuration " + path_ + ": larger than " +
+                        std::to_string(kMaxDebugConfigurationSize) + " bytes\n");
+  // Cut to the bound, the same lines are read.
+  large.resize(kMaxDebugConfigurationSize - kMaxDebugConfigurationSize % 13);
+  EXPECT_EQ(Read(large).size(), kMaxDebugConfigurationSize / 13);
 }
 
 // ---- bad input
