@@ -5,6 +5,7 @@
 #include <array>
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/iostreams/device/back_inserter.hpp>
+#include <boost/iostreams/device/array.hpp>
 #include <boost/iostreams/device/file.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
 #include <boost/iostreams/filtering_stream.hpp>
@@ -13,8 +14,11 @@
 #include <cstring>
 #include <ios>
 #include <istream>
+#include <sstream>
 #include <string_view>
 
+#include "hostfile/HostFile.h"
+#include "log/Log.h"
 #include "orvaner/Exception.h"
 
 namespace orvane {
@@ -52,30 +56,28 @@ std::string SystemErrorText(int savedErrno) {
   return savedErrno != 0 ? std::strerror(savedErrno) : "unknown error";
 }
 
-// True when at least one byte of the file can be read; the source is left
-// at its start. A gzip decompressor refuses empty input, but an empty or
-// unreadable record (a directory, say) is simply a record with nothing in it.
-bool HasContent(io::file_source& source) {
-  char first = 0;
-  try {
-    if (source.read(&first, 1) <= 0) {
-      return false;
-    }
-  } catch (const std::ios_base::failure&) {
-    return false;
-  }
-  io::seek(source, 0, std::ios_base::beg);
-  return true;
-}
-
-void ReadKeys(std::istream& line, std::set<std::string>& runOnceSet) {
+// The keys of a record's decompressed line. Nothing after a foreign
+// prefix is read, so a record of someone else's is never an error; the
+// rest of a line of ours is read whole, but never more than
+// kMaxRunOnceLineSize bytes of it.
+void ReadKeys(std::istream& line, std::set<std::string>& runOnceSet, const std::string& path) {
   std::array<char, std::char_traits<char>::length(kRunOnceRecordPrefix)> prefix{};
   line.read(prefix.data(), prefix.size());
   if (std::string_view(prefix.data(), prefix.size()) != kRunOnceRecordPrefix) {
     return;
   }
+  std::string keys;
+  std::array<char, kBufferSize> block{};
+  while (line.read(block.data(), block.size()) || line.gcount() > 0) {
+    keys.append(block.data(), static_cast<std::size_t>(line.gcount()));
+    if (keys.size() > kMaxRunOnceLineSize) {
+      throw Exception("cannot read the run-once record " + path + ": its line is longer than " +
+                      std::to_string(kMaxRunOnceLineSize) + " bytes");
+    }
+  }
+  std::istringstream items(keys);
   std::string item;
-  while (std::getline(line, item, kItemSeparator)) {
+  while (std::getline(items, item, kItemSeparator)) {
     boost::algorithm::trim(item);
     if (!item.empty()) {
       runOnceSet.insert(item);
@@ -96,18 +98,31 @@ std::string RunOnceRecordLine(const std::set<std::string>& runOnceSet) {
 }
 
 void ReadRunOnceRecord(std::set<std::string>& runOnceSet, const std::string& path) {
-  io::file_source source(path, std::ios_base::in | std::ios_base::binary);
-  if (!source.is_open() || !HasContent(source)) {
+  const hostfile::FileContent record = hostfile::ReadHostFile(path, kMaxRunOnceRecordSize);
+  switch (record.status) {
+    case hostfile::ReadStatus::Read: break;
+    case hostfile::ReadStatus::CannotOpen: return;  // missing or unreadable: nothing has run
+    case hostfile::ReadStatus::NotRegular:
+    case hostfile::ReadStatus::ReadFailed:
+      Log_Level(LOG_LEVEL_WARNING, "ignoring the run-once record %s: %s\n", path.c_str(),
+                record.Problem().c_str());
+      return;
+    case hostfile::ReadStatus::TooLarge:
+      throw Exception("cannot read the run-once record " + path + ": " + record.Problem());
+  }
+  // A gzip decompressor refuses empty input, but an empty record is simply
+  // one with nothing in it.
+  if (record.text.empty()) {
     return;
   }
   io::filtering_istream line;
   line.push(io::gzip_decompressor(kWindowBits, kBufferSize));
-  line.push(source);
+  line.push(io::array_source(record.text.data(), record.text.size()));
   // A corrupt or truncated file must not read as a shorter record: let the
   // decompressor's error out of the stream instead of a quiet end.
   line.exceptions(std::ios_base::badbit);
   try {
-    ReadKeys(line, runOnceSet);
+    ReadKeys(line, runOnceSet, path);
   } catch (const io::gzip_error& error) {
     throw Exception("cannot read the run-once record " + path + ": " + DescribeGzipError(error));
   } catch (const std::ios_base::failure& error) {

@@ -2,6 +2,7 @@
 /// the run-once plugins that have run, kept in one gzip-compressed line.
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -12,12 +13,20 @@ namespace orvane {
 /// The text that the record's one line starts with.
 inline constexpr const char* kRunOnceRecordPrefix = "orvane.run-once=";
 
+/// A record file larger than this is refused: a key is a few dozen bytes.
+inline constexpr std::size_t kMaxRunOnceRecordSize = 1024 * 1024;
+/// The longest decompressed line read, so that a small file cannot
+/// decompress into the boot's whole memory.
+inline constexpr std::size_t kMaxRunOnceLineSize = 16 * 1024 * 1024;
+
 /// Adds the keys of the record at @p path to @p runOnceSet. The line must
 /// start with kRunOnceRecordPrefix; it is then split on ",", each item
 /// trimmed of white space (current locale) and the empty ones skipped. A
 /// missing, unreadable or empty file, or one whose content starts with
-/// anything else, adds nothing. Throws Exception naming @p path and what went
-/// wrong when the gzip data is corrupt or truncated.
+/// anything else, adds nothing; one that is not a regular file, or cannot be
+/// read once opened, adds nothing either, with a warning at level 3. Throws
+/// Exception naming @p path and what went wrong when the gzip data is
+/// corrupt or truncated, or the file or its line is larger than its bound.
 void ReadRunOnceRecord(std::set<std::string>& runOnceSet,
                        const std::string& path = paths::kRunOnceRecord);
 

@@ -211,6 +211,39 @@ TEST_F(RunOnceRecordTest, DirectoryInTheRecordsPlaceReadsAsAnEmptyRecord) {
   EXPECT_THAT(ReadInto({"cli"}), ElementsAre("cli"));
 }
 
+// A FIFO without a writer would hold an ordinary open for ever.
+TEST_F(RunOnceRecordTest, FifoInTheRecordsPlaceReadsAsAnEmptyRecordWithAWarning) {
+  ASSERT_EQ(::mkfifo(record_.c_str(), 0600), 0);
+  ::testing::internal::CaptureStderr();
+  EXPECT_THAT(ReadInto({"cli"}), ElementsAre("cli"));
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              HasSubstr("ignoring the run-once record " + record_ + ": not a regular file (a FIFO)"));
+}
+
+TEST_F(RunOnceRecordTest, RecordLargerThanItsBoundIsAnErrorNamingThePath) {
+  directory_.Write("record.gz", std::string(kMaxRunOnceRecordSize + 1, 'x'));
+  EXPECT_EQ(ReadFailure(), "cannot read the run-once record " + record_ + ": larger than " +
+                               std::to_string(kMaxRunOnceRecordSize) + " bytes");
+}
+
+TEST_F(RunOnceRecordTest, SmallRecordThatDecompressesBeyondTheLineBoundIsAnError) {
+  // A few kilobytes of gzip that would decompress to 17 MiB of one key.
+  GzipRecord("orvane.run-once=" + std::string(kMaxRunOnceLineSize + 1024 * 1024, 'k') + ",\n");
+  ASSERT_LT(RecordBytes().size(), 64u * 1024);
+  EXPECT_EQ(ReadFailure(), "cannot read the run-once record " + record_ +
+                               ": its line is longer than " +
+                               std::to_string(kMaxRunOnceLineSize) + " bytes");
+}
+
+TEST_F(RunOnceRecordTest, ForeignRecordIsNotReadPastItsPrefix) {
+  // Corrupt data after a foreign prefix is never reached.
+  GzipRecord("something else " + std::string(100000, 'z'));
+  std::string bytes = RecordBytes();
+  bytes.resize(bytes.size() / 2);
+  directory_.Write("record.gz", bytes);
+  EXPECT_THAT(ReadInto({"cli"}), ElementsAre("cli"));
+}
+
 TEST_F(RunOnceRecordTest, FileCompressedByGzipWithItsNameInTheHeaderIsRead) {
   GzipRecord("orvane.run-once=a1,b2,\n", "-N");
   ASSERT_EQ(RecordBytes()[3] & 0x08, 0x08) << "the header should carry a file name";
