@@ -7,8 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <fstream>
+#include <sstream>
+#include <string>
 
+#include "hostfile/HostFile.h"
 #include "log/Log.h"
 #include "orvaner/RunProgram.h"
 
@@ -33,9 +35,13 @@ void UpgradeSyslogConfiguration(const InitModePaths& initPaths) {
   }
 }
 
+// A pid file holds one decimal number and a line end.
+constexpr std::size_t kMaxPidFileSize = 64;
+
 // The stream throws when no number can be read; zero or a negative number
 // would make kill signal a whole process group, so it is refused as well.
-pid_t ReadPid(std::ifstream& pidFile) {
+pid_t ReadPid(const std::string& text) {
+  std::istringstream pidFile(text);
   pidFile.exceptions(std::ios::failbit | std::ios::badbit);
   long pid = 0;
   pidFile >> pid;
@@ -47,15 +53,20 @@ pid_t ReadPid(std::ifstream& pidFile) {
 
 // The open failure names the kernel-side daemon although the file is the
 // user-space daemon's; the text is kept as the host has always logged it.
+// Something that is not a regular file there (a FIFO would never answer)
+// cannot be opened as a pid file either.
 void SignalSyslogDaemon(const InitModePaths& initPaths) {
-  std::ifstream pidFile(initPaths.syslogDaemonPidFile);
-  if (!pidFile.is_open()) {
+  const hostfile::FileContent pidFile =
+      hostfile::ReadHostFile(initPaths.syslogDaemonPidFile, kMaxPidFileSize);
+  if (pidFile.status == hostfile::ReadStatus::CannotOpen ||
+      pidFile.status == hostfile::ReadStatus::NotRegular) {
     Log_Level(LOG_LEVEL_WARNING, "unable to open zelksyslogd pid file.\n");
     return;
   }
   pid_t daemon = 0;
   try {
-    daemon = ReadPid(pidFile);
+    if (!pidFile.Ok()) throw std::ios::failure(pidFile.Problem());
+    daemon = ReadPid(pidFile.text);
   } catch (const std::exception&) {
     Log_Level(LOG_LEVEL_ERROR, "unable to read zelsyslogd pid.\n");
     return;

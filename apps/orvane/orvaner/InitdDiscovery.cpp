@@ -2,13 +2,13 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <map>
 #include <set>
 #include <sstream>
 #include <unordered_set>
 
+#include "hostfile/HostFile.h"
 #include "log/Log.h"
 #include "orvane/FixedPaths.h"
 #include "orvaner/Exception.h"
@@ -18,6 +18,8 @@ namespace orvane {
 namespace {
 
 constexpr const char* kListingOption = " -p";
+// A line per init.d script.
+constexpr std::size_t kMaxListingSize = 1024 * 1024;
 
 /// Started by init mode itself before any plugin runs.
 const std::unordered_set<std::string>& SkippedDaemons() {
@@ -58,17 +60,18 @@ void ReadListingLine(const std::string& line, Listing& listing) {
   listing.emplace(startOrder, script);
 }
 
-Listing ReadListing(FILE* stream) {
+// The listing is read whole, but never more than kMaxListingSize bytes of
+// it: a listing program that runs away must not take the run's memory.
+Listing ReadListing(FILE* stream, const std::string& listingCommand) {
+  const hostfile::FileContent output = hostfile::ReadToEnd(fileno(stream), kMaxListingSize);
+  if (!output.Ok()) {
+    throw Exception("cannot use the init.d listing of '" + listingCommand + "': " + output.Problem());
+  }
   Listing listing;
-  char* buffer = nullptr;
-  std::size_t capacity = 0;
-  ssize_t length = 0;
-  while ((length = getline(&buffer, &capacity, stream)) >= 0) {
-    std::string line(buffer, static_cast<std::size_t>(length));
-    if (!line.empty() && line.back() == '\n') line.pop_back();
+  std::istringstream lines(output.text);
+  for (std::string line; std::getline(lines, line);) {
     ReadListingLine(line, listing);
   }
-  std::free(buffer);
   return listing;
 }
 
@@ -92,7 +95,7 @@ std::vector<std::unique_ptr<Plugin>> DiscoverInitdDaemons(const std::string& lis
       throw Exception("Failed obtaining list of init.d scripts");
     }
     if (fileno(pipe.Stream()) < 1) return plugins;
-    listing = ReadListing(pipe.Stream());
+    listing = ReadListing(pipe.Stream(), listingCommand);
   }
 
   std::set<std::string> seenScripts;

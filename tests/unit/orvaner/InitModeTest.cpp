@@ -158,6 +158,19 @@ TEST_F(InitModeTest, MissingPidFileIsReportedAfterTheUpgrade) {
   EXPECT_EQ(Record(), "upgraded\n");
 }
 
+// A FIFO without a writer would hold an ordinary open, and the end of the
+// boot with it, for ever.
+TEST_F(InitModeTest, PidFileThatIsAFifoCannotBeOpenedAndSignalsNothing) {
+  ASSERT_EQ(::mkfifo(pidFile_.c_str(), 0600), 0);
+  EXPECT_THAT(Reload(), HasSubstr("unable to open zelksyslogd pid file."));
+}
+
+TEST_F(InitModeTest, PidFileBeyondAFewDigitsIsUnreadable) {
+  StartSleepingDaemon();
+  directory_.Write("zelsyslogd.pid", std::to_string(sleeper_) + std::string(100, ' ') + "\n");
+  EXPECT_THAT(Reload(), HasSubstr("unable to read zelsyslogd pid."));
+}
+
 TEST_F(InitModeTest, PidFileWithoutANumberIsReportedAsUnreadable) {
   for (const char* content : {"", "zelsyslogd\n", "   \n"}) {
     directory_.Write("zelsyslogd.pid", content);

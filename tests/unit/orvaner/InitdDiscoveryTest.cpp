@@ -116,6 +116,19 @@ TEST_F(InitdDiscoveryTest, NegativeStartOrdersComeFirst) {
   EXPECT_THAT(Names(plugins), ElementsAre("negative", "positive"));
 }
 
+TEST_F(InitdDiscoveryTest, ListingThatNeverEndsIsCutOffAndRefused) {
+  // "yes" writes lines for ever; reading stops at the bound and closing the
+  // pipe ends the program.
+  try {
+    DiscoverInitdDaemons("yes /etc/init.d/again 10", registry);
+    ADD_FAILURE() << "an endless listing was accepted";
+  } catch (const Exception& error) {
+    EXPECT_EQ(std::string(error.what()),
+              "cannot use the init.d listing of 'yes /etc/init.d/again 10': larger than 1048576 "
+              "bytes");
+  }
+}
+
 TEST_F(InitdDiscoveryTest, EmptyListingOrFailingListingCommandYieldsNoPlugins) {
   EXPECT_THAT(Discover(""), IsEmpty());
   ::testing::internal::CaptureStderr();
