@@ -1,5 +1,6 @@
 #include "orvaner/afstream.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,9 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <new>
 #include <stdexcept>
 #include <vector>
+
+#include "hostfile/HostFile.h"
 
 namespace orvane {
 namespace {
@@ -43,6 +47,29 @@ std::vector<char> TemporaryPattern(const std::string& destination) {
   return pattern;
 }
 
+// Makes the file at @p path durable: its data and size reach the disk
+// before anything names it. Returns 0 or the error.
+int SyncFile(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  if (descriptor < 0) return errno;
+  const int error = ::fsync(descriptor) == 0 ? 0 : errno;
+  ::close(descriptor);
+  return error;
+}
+
+// Makes a rename into the directory of @p path durable. A file system that
+// cannot sync directories (EINVAL) has nothing more to offer and is not a
+// failure. Returns 0 or the error.
+int SyncParentDirectory(const std::string& path) {
+  const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+  const std::string directory = parent.empty() ? "." : parent.string();
+  const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return errno;
+  const int error = ::fsync(descriptor) == 0 || errno == EINVAL ? 0 : errno;
+  ::close(descriptor);
+  return error;
+}
+
 }  // namespace
 
 void afstream::open(const std::string& destination, std::ios_base::openmode mode) {
@@ -66,23 +93,36 @@ void afstream::open(const std::string& destination, std::ios_base::openmode mode
 void afstream::open_append(const std::string& destination, std::ios_base::openmode mode) {
   open(destination, mode);
 
-  std::ifstream previous(destination, std::ios_base::in | std::ios_base::binary);
-  if (!previous.is_open()) {
+  // Through the host-file reader: a FIFO in the destination's place would
+  // hold a plain open for ever.
+  hostfile::FileContent failure;
+  const int previous = hostfile::OpenRegularFile(destination, failure);
+  if (previous < 0) {
     // A missing destination is an empty one; one that exists but cannot be
     // read would silently lose its contents, so that is a failure.
-    if (errno != ENOENT) {
+    if (failure.status == hostfile::ReadStatus::CannotOpen && failure.error == ENOENT) {
+      return;
+    }
+    setstate(std::ios_base::failbit);
+    const int savedErrno = failure.status == hostfile::ReadStatus::NotRegular
+                               ? (failure.fileType == S_IFDIR ? EISDIR : EINVAL)
+                               : failure.error;
+    throw SystemError("failed to write to temp file: ", savedErrno);
+  }
+  char block[65536];
+  for (;;) {
+    const ssize_t count = ::read(previous, block, sizeof block);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) {
       const int savedErrno = errno;
+      ::close(previous);
       setstate(std::ios_base::failbit);
       throw SystemError("failed to write to temp file: ", savedErrno);
     }
-    return;
+    if (count == 0) break;
+    write(block, count);
   }
-  // Copying from an empty buffer would mark this stream failed although
-  // nothing went wrong.
-  if (previous.rdbuf()->sgetc() != std::char_traits<char>::eof()) {
-    *this << previous.rdbuf();
-  }
-  previous.close();
+  ::close(previous);
   if (fail()) {
     throw SystemError("failed to write to temp file: ", errno);
   }
@@ -99,32 +139,36 @@ void afstream::commit() {
     setstate(std::ios_base::failbit);
     throw SystemError("failed to write to temp file: ", errno);
   }
+  // Surviving a power cut, not only a kill: the new contents are on disk
+  // before the rename makes them the destination, and the rename is on disk
+  // before commit returns.
+  if (const int error = SyncFile(temporaryPath_); error != 0) {
+    setstate(std::ios_base::failbit);
+    throw SystemError("failed to write to temp file: ", error);
+  }
 
   struct stat destinationStatus {};
   std::string permissionError;
-  if (::stat(destinationPath_.c_str(), &destinationStatus) != 0) {
-    if (errno == ENOENT) {
-      if (std::rename(temporaryPath_.c_str(), destinationPath_.c_str()) != 0) {
-        throw SystemError(
-            "unable to rename '" + temporaryPath_ + "' to '" + destinationPath_ + "': ", errno);
-      }
-      return;
-    }
+  const bool destinationExisted = ::stat(destinationPath_.c_str(), &destinationStatus) == 0;
+  if (!destinationExisted && errno != ENOENT) {
     permissionError = std::strerror(errno);
   }
-
   if (std::rename(temporaryPath_.c_str(), destinationPath_.c_str()) != 0) {
     throw SystemError("unable to rename '" + temporaryPath_ + "' to '" + destinationPath_ + "': ",
                       errno);
   }
-  if (permissionError.empty() &&
-      ::chmod(destinationPath_.c_str(), destinationStatus.st_mode) != 0) {
+  // A new destination keeps the temporary file's mode.
+  if (destinationExisted && ::chmod(destinationPath_.c_str(), destinationStatus.st_mode) != 0) {
     permissionError = std::strerror(errno);
   }
+  const int syncError = SyncParentDirectory(destinationPath_);
   if (!permissionError.empty()) {
     throw std::runtime_error(
         "failed to restore file permissions, file permissions may be incorrect: " +
         permissionError);
+  }
+  if (syncError != 0) {
+    throw SystemError("unable to sync the directory of '" + destinationPath_ + "': ", syncError);
   }
 }
 

@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -205,6 +208,65 @@ TEST_F(afstreamTest, UnstatableDestinationIsReplacedButReportsThePermissions) {
             "levels of symbolic links");
   EXPECT_FALSE(std::filesystem::is_symlink(destination));
   EXPECT_EQ(directory.Read("log"), "new\n");
+}
+
+TEST_F(afstreamTest, OpenAppendOnAFifoFailsAtOnceAndLeavesIt) {
+  // A FIFO without a writer would hold a plain open for ever.
+  const std::string destination = directory / "log";
+  ASSERT_EQ(::mkfifo(destination.c_str(), 0600), 0);
+  afstream stream;
+  EXPECT_EQ(ErrorOf([&] { stream.open_append(destination); }),
+            "failed to write to temp file: Invalid argument");
+  struct stat status {};
+  ASSERT_EQ(::stat(destination.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISFIFO(status.st_mode));
+}
+
+// ---- durability
+
+/// The file-system calls of one commit of the probe to @p destination, as
+/// strace shows them: "name first-argument" per call, descriptors given by
+/// the path they stand for.
+std::vector<std::string> CommitCalls(const std::string& destination, const std::string& trace) {
+  const std::string command = "strace -f -y -qq -o '" + trace +
+                              "' -e trace=fsync,fdatasync,sync,syncfs,rename,renameat,renameat2,"
+                              "chmod,fchmodat " ORVANE_AFSTREAM_COMMIT_PROBE " '" +
+                              destination + "'";
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  std::vector<std::string> calls;
+  std::ifstream lines(trace);
+  const std::regex call(R"re(^(?:\d+ +)?(\w+)\((?:\d+<([^>]*)>|"([^"]*)"|AT_FDCWD, "([^"]*)").*)re");
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch parts;
+    if (!std::regex_match(line, parts, call)) continue;
+    calls.push_back(parts[1].str() + " " + parts[2].str() + parts[3].str() + parts[4].str());
+  }
+  return calls;
+}
+
+// A commit survives a power cut, not only a kill: the data is synced before
+// the rename makes it the destination, and the directory after it.
+TEST_F(afstreamTest, CommitSyncsTheFileBeforeTheRenameAndTheDirectoryAfter) {
+  const std::string destination = directory / "log";
+  const std::vector<std::string> calls = CommitCalls(destination, directory / "trace");
+  ASSERT_EQ(calls.size(), 3u) << ::testing::PrintToString(calls);
+  EXPECT_THAT(calls[0], MatchesRegex("fsync " + destination + "\\.[A-Za-z0-9]{6}"));
+  EXPECT_THAT(calls[1], MatchesRegex("rename " + destination + "\\.[A-Za-z0-9]{6}"));
+  EXPECT_EQ(calls[2], "fsync " + directory.Path().string());
+  EXPECT_EQ(directory.Read("log"), "committed\n");
+}
+
+TEST_F(afstreamTest, CommitOverAnOldFileRestoresItsModeBeforeTheDirectoryIsSynced) {
+  const std::string destination = directory / "log";
+  directory.Write("log", "old\n");
+  ASSERT_EQ(::chmod(destination.c_str(), 0644), 0);
+  const std::vector<std::string> calls = CommitCalls(destination, directory / "trace");
+  ASSERT_EQ(calls.size(), 4u) << ::testing::PrintToString(calls);
+  EXPECT_THAT(calls[0], MatchesRegex("fsync " + destination + "\\.[A-Za-z0-9]{6}"));
+  EXPECT_THAT(calls[1], MatchesRegex("rename " + destination + "\\.[A-Za-z0-9]{6}"));
+  EXPECT_THAT(calls[2], MatchesRegex("(chmod|fchmodat) " + destination));
+  EXPECT_EQ(calls[3], "fsync " + directory.Path().string());
+  EXPECT_EQ(PermissionsOf(destination), 0644u);
 }
 
 }  // namespace
