@@ -164,6 +164,27 @@ TEST_F(ExecutorE2E, EmptyMessageIsAnEmptyCommandLine) {
   EXPECT_THAT(Recorded(), ElementsAre("after"));
 }
 
+// The client's empty line used to be no bytes at all, with the connection
+// left open: the executor waited in its receive and the client for its
+// status, for ever. The client now ends what it sends.
+TEST_F(ExecutorE2E, EmptyCommandLineFromTheClientIsAnsweredAndTheExecutorServesOn) {
+  EXPECT_THAT(Probe({"reset", "run", "", "run", kRecordPrefix + "after", "stop"}),
+              ElementsAre("reset: ok", "run: threw Executor failed executing qorcli command: ",
+                          "run: ok", "stop: ok"));
+  EXPECT_THAT(Recorded(), ElementsAre("after"));
+}
+
+// A local client that connects and says nothing is given up on after a few
+// seconds: its receive fails (logged, no reply) and the next client is served.
+TEST_F(ExecutorE2E, SilentClientIsDroppedAndTheNextCommandIsServed) {
+  EXPECT_THAT(Probe({"reset", "silent", "run", kRecordPrefix + "after", "silent-outcome", "stop"}),
+              ElementsAre("reset: ok", "silent: connected", "run: ok",
+                          "silent-outcome: closed without a reply", "stop: ok"));
+  EXPECT_THAT(Recorded(), ElementsAre("after"));
+  EXPECT_THAT(ExecutorLog(),
+              Contains("Failed to read message from socket - Resource temporarily unavailable"));
+}
+
 TEST_F(ExecutorE2E, TextAfterANulByteIsIgnored) {
   sandbox_->WriteFile("/tmp/with-nul", std::string("test record --text kept\0--text lost", 35));
   EXPECT_THAT(Probe({"reset", "send-file", "/tmp/with-nul"}),

@@ -1,6 +1,7 @@
 #include "orvaner/QorcliExecutor.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,6 +40,10 @@ constexpr int kListenBacklog = 16;
 constexpr int kConnectAttempts = 10;
 // One recv of at most this many bytes is all the executor reads of a request.
 constexpr std::size_t kMaxMessageLength = 1023;
+// How long the executor waits for a request once it has accepted a
+// connection. Every client of ours sends at once; a local client that stays
+// silent must not hold the executor, and every plugin behind it, for ever.
+constexpr timeval kReceiveTimeout = {5, 0};
 constexpr char kStopRequest[] = "stop";
 constexpr std::size_t kStopRequestLength = sizeof kStopRequest - 1;
 // The socket file is created with mode 0600: the executor runs commands as
@@ -127,6 +133,24 @@ bool PeerIsOwnUser(int connection) {
   return true;
 }
 
+/// The request of a connection, cut at its first NUL; -1 when the receive
+/// failed or timed out (logged), which gets no reply.
+ssize_t ReceiveRequest(int connection, char (&message)[kMaxMessageLength + 1]) {
+  if (setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kReceiveTimeout, sizeof kReceiveTimeout) !=
+      0) {
+    Log_Level(LOG_LEVEL_WARNING, "Executor cannot bound its wait for a request - %s\n",
+              ErrorText(errno).c_str());
+  }
+  const ssize_t received = ReceiveRetryingInterrupts(connection, message, kMaxMessageLength, 0);
+  if (received < 0) {
+    Log_Level(LOG_LEVEL_WARNING, "Failed to read message from socket - %s\n\n",
+              ErrorText(errno).c_str());
+    return -1;
+  }
+  message[received] = '\0';  // the text counts up to its first NUL
+  return received;
+}
+
 bool IsStopRequest(const char* message) {
   return strncasecmp(message, kStopRequest, kStopRequestLength) == 0;
 }
@@ -141,12 +165,12 @@ void StopEventLoop(void* clientData) {
 
 /// Parses and runs one command line; the status to reply. Failures are
 /// logged here; the exceptions only carry the outcome to the status.
-CommandStatus ExecuteCommandLine(const std::string& commandLine) {
+CommandStatus ExecuteCommandLine(const std::string& commandLine,
+                                 CppTools::AutoCli::Dispatcher& dispatcher) {
   try {
-    std::shared_ptr<QorcliDispatcher> dispatcher = QorcliDispatcher::Instance();
     // Help that a command line asks for goes to standard output, which in
     // the executor is its log file.
-    CppTools::AutoCli::OptionParser parser(dispatcher.get(), &std::cout);
+    CppTools::AutoCli::OptionParser parser(&dispatcher, &std::cout);
     if (parser.ParseString(commandLine)) {
       return kStatusSuccess;  // help only: nothing to dispatch
     }
@@ -168,7 +192,7 @@ CommandStatus ExecuteCommandLine(const std::string& commandLine) {
     for (const auto& [name, value] : parameters) {
       input->AddParameter(name, value);
     }
-    dispatcher->ExecuteCommand(input, output);
+    dispatcher.ExecuteCommand(input, output);
 
     if (output->HasError()) {
       for (const std::string& error : output->GetErrors()) {
@@ -302,6 +326,9 @@ void QorcliExecutor::RunCommand(const std::string& commandLine) {
     close(connection);
     throw Exception("Failed sending command to executor: " + ErrorText(error));
   }
+  // The end of what we send: an empty line (or one that starts with NUL)
+  // sends nothing at all, and the executor's receive must still return.
+  shutdown(connection, SHUT_WR);
   CommandStatus status = kStatusFailure;
   const ssize_t received =
       ReceiveRetryingInterrupts(connection, &status, sizeof status, MSG_WAITALL);
@@ -373,40 +400,66 @@ void* QorcliExecutor::EventLoop(void* executor) {
   // HandleConnection's client data: a copy of the listening descriptor that
   // lives as long as this thread.
   int listeningSocket = static_cast<QorcliExecutor*>(executor)->controlSocket_;
-  Poll_InitDefault();
-  if (Poll_Callback(POLL_CLASS_MAIN, kConnectionCallbackFlags, &QorcliExecutor::HandleConnection,
-                    &listeningSocket, POLL_EVENT_DEVICE, listeningSocket,
-                    nullptr) != POLL_SUCCESS) {
-    Log_Level(LOG_LEVEL_ERROR, "Failed setting up Poll Loop for executor\n");
-    return nullptr;
+  // An exception must not leave a thread's start routine: that would end the
+  // process without a word. The thread ends, the process closes its socket
+  // and exits, and the next command finds no executor and resets it.
+  try {
+    Poll_InitDefault();
+    if (Poll_Callback(POLL_CLASS_MAIN, kConnectionCallbackFlags, &QorcliExecutor::HandleConnection,
+                      &listeningSocket, POLL_EVENT_DEVICE, listeningSocket,
+                      nullptr) != POLL_SUCCESS) {
+      Log_Level(LOG_LEVEL_ERROR, "Failed setting up Poll Loop for executor\n");
+      return nullptr;
+    }
+    Poll_Loop(POLL_CLASS_MAIN, &executorStopFlag, 0);
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_ERROR, "Executor event loop failed: %s\n", error.what());
+  } catch (...) {
+    Log_Level(LOG_LEVEL_ERROR, "Executor event loop failed\n");
   }
-  Poll_Loop(POLL_CLASS_MAIN, &executorStopFlag, 0);
   return nullptr;
+}
+
+std::optional<std::int32_t> QorcliExecutor::AnswerRequest(
+    const char* message, CppTools::AutoCli::Dispatcher& dispatcher) {
+  if (IsStopRequest(message)) {
+    return std::nullopt;
+  }
+  return ExecuteCommandLine(message, dispatcher);
 }
 
 void QorcliExecutor::HandleConnection(void* clientData) {
   const int connection = AcceptConnection(*static_cast<int*>(clientData));
   if (connection < 0) return;  // the callback stays registered
-  const bool allowed = PeerIsOwnUser(connection);
-
-  char message[kMaxMessageLength + 1];
-  const ssize_t received = ReceiveRetryingInterrupts(connection, message, kMaxMessageLength, 0);
-  if (received < 0) {
-    Log_Level(LOG_LEVEL_WARNING, "Failed to read message from socket - %s\n\n",
-              ErrorText(errno).c_str());
-    close(connection);
-    return;
-  }
-  message[received] = '\0';  // the text counts up to its first NUL
-
-  if (!allowed) {
-    SendStatus(connection, kStatusFailure);
-  } else if (IsStopRequest(message)) {
-    StopEventLoop(clientData);
-  } else {
-    SendStatus(connection, ExecuteCommandLine(message));
+  // Nothing may end the executor's loop: whatever goes wrong with one
+  // connection is logged, and the connection closed without a reply.
+  try {
+    ServeConnection(connection, clientData);
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_ERROR, "Executor failed serving a connection: %s\n", error.what());
+  } catch (...) {
+    Log_Level(LOG_LEVEL_ERROR, "Executor failed serving a connection\n");
   }
   close(connection);
+}
+
+void QorcliExecutor::ServeConnection(int connection, void* clientData) {
+  const bool allowed = PeerIsOwnUser(connection);
+  char message[kMaxMessageLength + 1];
+  if (ReceiveRequest(connection, message) < 0) {
+    return;
+  }
+  if (!allowed) {
+    SendStatus(connection, kStatusFailure);
+    return;
+  }
+  const std::optional<CommandStatus> status =
+      AnswerRequest(message, *QorcliDispatcher::Instance());
+  if (status) {
+    SendStatus(connection, *status);
+  } else {
+    StopEventLoop(clientData);
+  }
 }
 
 }  // namespace orvane

@@ -6,7 +6,10 @@
 ///   - the client sends a command line (no length, no terminator); the
 ///     executor reads it with a single recv of at most 1023 bytes, parses it,
 ///     runs it through the process-wide QorcliDispatcher, and replies with a
-///     4-byte status in host byte order (0 success, 1 failure) before closing;
+///     4-byte status in host byte order (0 success, 1 failure) before closing.
+///     The client shuts its sending side down after the line, so that even
+///     an empty line ends the executor's receive; the executor waits at most
+///     a few seconds for a request;
 ///   - a message whose first four characters are "stop" in any case stops the
 ///     executor; it is answered only by closing the connection.
 /// Only the executor's own user may use the socket: the socket file has mode
@@ -17,8 +20,14 @@
 
 #include <pthread.h>
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+
+namespace CppTools::AutoCli {
+class Dispatcher;
+}
 
 namespace orvane {
 
@@ -66,14 +75,26 @@ class QorcliExecutor {
   void StartEventLoop();
 
   /// Executor side: the poll callback for a readable listening socket, whose
-  /// descriptor @p clientData points at. Serves one connection completely.
+  /// descriptor @p clientData points at. Serves one connection completely:
+  /// a request that does not arrive within a few seconds is a failed
+  /// receive (logged, no reply), and nothing that goes wrong with the
+  /// connection ends the loop.
   static void HandleConnection(void* clientData);
+
+  /// Executor side: the answer to one received request @p message (the text
+  /// up to its first NUL): empty for a stop request, otherwise the status to
+  /// reply after the command line was parsed and run through @p dispatcher.
+  /// Logs what failed; never throws.
+  static std::optional<std::int32_t> AnswerRequest(const char* message,
+                                                   CppTools::AutoCli::Dispatcher& dispatcher);
 
  private:
   QorcliExecutor() = default;
 
   /// What the forked child does: becomes the executor process; never returns.
   [[noreturn]] void RunExecutorProcess();
+  /// HandleConnection's work on an accepted connection, which it closes.
+  static void ServeConnection(int connection, void* clientData);
   static void* EventLoop(void* executor);
 
   int controlSocket_ = -1;

@@ -7,12 +7,17 @@
 //   empty                              a connection that sends nothing and shuts down writing
 //   send-and-close TEXT                sends and closes without waiting for the reply
 //   flood N                            N connections that send nothing and close
+//   silent                             a connection that sends nothing and stays open
+//                                      until the probe ends; prints whether the
+//                                      executor closed it (and when, relative to
+//                                      the next steps, through their order)
 //   send-as UID TEXT                   a raw request from a child running as UID
 //   socket-mode | chmod-socket OCTAL   the socket file's mode
 //   stale-socket                       leaves a socket file nobody listens on
 //   fake-executor COMMAND              RunCommand against a listener that never replies
 //   wait-gone                          waits until nothing listens on the socket any more
 //   dispatcher                         QorcliDispatcher::Instance twice
+//   silent-outcome                     for each silent connection: closed or still open
 //   sleep MILLISECONDS
 #include <fcntl.h>
 #include <poll.h>
@@ -177,6 +182,30 @@ void Flood(int connections) {
   Report("flood", std::to_string(made) + " connections");
 }
 
+/// Connections that send nothing and are never closed by us; the executor
+/// must give up on them by itself.
+std::vector<int> silentConnections;
+
+void Silent() {
+  const int connection = RawConnect();
+  if (connection < 0) {
+    Report("silent", std::string("connect failed ") + std::strerror(errno));
+    return;
+  }
+  silentConnections.push_back(connection);
+  Report("silent", "connected");
+}
+
+/// What became of the silent connections: each is "closed" when the
+/// executor gave up on it without a reply.
+void SilentOutcome() {
+  for (int connection : silentConnections) {
+    pollfd ready{connection, POLLIN, 0};
+    const bool closed = poll(&ready, 1, 0) == 1 && ReadReply(connection) == "eof";
+    Report("silent-outcome", closed ? "closed without a reply" : "still open");
+  }
+}
+
 void SocketMode() {
   struct stat status {};
   if (lstat(orvane::paths::kExecutorSocket, &status) != 0) {
@@ -283,6 +312,10 @@ int main(int argc, char* argv[]) {
       const uid_t user = static_cast<uid_t>(std::atoi(steps[i + 1].c_str()));
       SendAs(user, steps[i + 2]);
       i += 2;
+    } else if (step == "silent") {
+      Silent();
+    } else if (step == "silent-outcome") {
+      SilentOutcome();
     } else if (step == "socket-mode") {
       SocketMode();
     } else if (step == "chmod-socket" && hasArgument) {

@@ -1,9 +1,17 @@
-// The parts of the executor handle that need no executor process; the
-// protocol itself is tested end to end, on the sandboxed host's socket path.
+// The parts of the executor handle that need no executor process, and its
+// answer to one request; the protocol itself is tested end to end, on the
+// sandboxed host's socket path.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdint>
+#include <optional>
+#include <string>
 
+#include "CppTools/AutoCli/Dispatcher.h"
+#include "TemporaryDirectory.h"
+#include "log/Log.h"
 #include "orvaner/QorcliExecutor.h"
 
 namespace orvane {
@@ -18,6 +26,56 @@ TEST(QorcliExecutorTest, InstanceIsOneObjectAndMakesTheProcessIgnoreSigpipe) {
   struct sigaction current {};
   ASSERT_EQ(sigaction(SIGPIPE, nullptr, &current), 0);
   EXPECT_EQ(current.sa_handler, SIG_IGN);
+}
+
+// ---- the answer to one request, with a dispatcher of the test's own
+
+/// A dispatcher with one command, "test true", whose program succeeds.
+class AnswerRequestTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Log_Exit();
+    directory_.Write("defs/test.json", R"({"commands": [
+        {"path": ["test", "true"], "exec": ["/bin/true"]}]})");
+    dispatcher_.AddExternalDirectory(directory_ / "defs");
+  }
+
+  std::optional<std::int32_t> Answer(const char* message) {
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    std::optional<std::int32_t> status = QorcliExecutor::AnswerRequest(message, dispatcher_);
+    ::testing::internal::GetCapturedStdout();
+    logged_ = ::testing::internal::GetCapturedStderr();
+    return status;
+  }
+
+  unit_testing::TemporaryDirectory directory_;
+  CppTools::AutoCli::Dispatcher dispatcher_;
+  std::string logged_;
+};
+
+TEST_F(AnswerRequestTest, StopInAnyCaseIsAStopRequestWithoutAStatus) {
+  EXPECT_EQ(Answer("stop"), std::nullopt);
+  EXPECT_EQ(Answer("STOP"), std::nullopt);
+  EXPECT_EQ(Answer("Stopping everything"), std::nullopt);
+}
+
+TEST_F(AnswerRequestTest, CommandThatSucceedsIsAnsweredZero) {
+  EXPECT_EQ(Answer("test true"), 0);
+}
+
+TEST_F(AnswerRequestTest, EmptyLineIsAParseErrorAnsweredOne) {
+  EXPECT_EQ(Answer(""), 1);
+  EXPECT_THAT(logged_, ::testing::HasSubstr("Executor was unable to parse command: "));
+}
+
+TEST_F(AnswerRequestTest, UnknownCommandIsAnExecutionErrorAnsweredOne) {
+  EXPECT_EQ(Answer("test missing"), 1);
+  EXPECT_THAT(logged_, ::testing::HasSubstr("execution of 'test missing' failed : "));
+}
+
+TEST_F(AnswerRequestTest, HelpIsAnsweredZero) {
+  EXPECT_EQ(Answer("test --help"), 0);
 }
 
 }  // namespace
