@@ -1,9 +1,10 @@
 #include "orvaner/Executor.h"
 
 #include <algorithm>
+#include <exception>
 #include <string>
-#include <system_error>
 
+#include "log/Log.h"
 #include "orvaner/Exception.h"
 #include "orvaner/GraphLock.h"
 #include "orvaner/Node.h"
@@ -12,6 +13,23 @@ namespace orvane {
 namespace {
 
 std::thread StartStdThread(std::function<void()> work) { return std::thread(std::move(work)); }
+
+/// Logs an exception that left a vertex's action or completion, which is
+/// the exception being handled; @p step says which. Without the memory to
+/// say it, it says nothing.
+void ReportEscapedException(const char* step, const Node& node) noexcept {
+  try {
+    try {
+      throw;
+    } catch (const std::exception& error) {
+      Log_Level(LOG_LEVEL_ERROR, "unhandled exception whilst %s %s: %s\n", step,
+                node.Name().c_str(), error.what());
+    } catch (...) {
+      Log_Level(LOG_LEVEL_ERROR, "unknown exception whilst %s %s\n", step, node.Name().c_str());
+    }
+  } catch (...) {
+  }
+}
 
 }  // namespace
 
@@ -25,8 +43,13 @@ Executor::Executor(int threadCount, bool randomize, const ThreadStarter& startTh
   }
   for (int index = 0; index < threadCount; ++index) {
     try {
+      // Room first: a thread that is started but cannot be stored would end
+      // the process when its handle goes.
+      threads_.reserve(threads_.size() + 1);
       threads_.push_back(startThread([this] { WorkerLoop(); }));
-    } catch (const std::system_error&) {
+    } catch (...) {
+      // Not only a thread the system refuses: memory for the thread or its
+      // handle that cannot be had fails the pool the same way.
       const std::size_t created = threads_.size();
       // The lock is released before the join: a worker needs it to see
       // that it has to stop, so joining with it held would never return.
@@ -93,12 +116,23 @@ void Executor::WorkerLoop() {
       Node& node = PickNext();
       const bool forward = node.State() == NodeState::QueuedStart;
       lock.Unlock();
-      node.RunAction(*this, forward);
+      // An action must not throw; one that does anyway is reported and its
+      // vertex counts as finished, like a failed plugin, so that the pass
+      // goes on instead of the process ending.
+      try {
+        node.RunAction(*this, forward);
+      } catch (...) {
+        ReportEscapedException("running", node);
+      }
       // One taking of the lock serves both the completion and the next
       // pick: every vertex would otherwise cost the worker three, each a
       // chance to queue behind the main thread scheduling the plugin list.
       lock.Lock();
-      node.Complete(*this, forward);
+      try {
+        node.Complete(*this, forward);
+      } catch (...) {
+        ReportEscapedException("completing", node);
+      }
       if (stopping_) {
         return;
       }

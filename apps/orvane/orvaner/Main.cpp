@@ -183,13 +183,25 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
   }
 }
 
+// True when @p stream took the whole dump; otherwise says so, with the
+// cause that the failed write left in errno.
+bool CheckDumpWritten(std::ostream& stream, const std::string& destination) {
+  const int error = errno;
+  if (stream.flush()) return true;
+  Log_Level(LOG_LEVEL_ERROR, "unable to write the dependency tree to %s: %s\n",
+            destination.c_str(), std::strerror(error != 0 ? error : EIO));
+  return false;
+}
+
 // The whole graph in the dot language, to the --dump-dependency-tree file
 // (truncated) or to standard output; false when the file cannot be opened,
-// in which case nothing is written.
+// in which case nothing is written, or when writing fails (a full disk):
+// a dump cut short must not pass for the graph.
 bool DumpDependencyTree(const PluginList& plugins, const RunState& state) {
+  errno = 0;  // what a failed write leaves here is the cause to report
   if (!state.dumpPath) {
     WriteDependencyTree(plugins, ListBarriers(), std::cout);
-    return true;
+    return CheckDumpWritten(std::cout, "standard output");
   }
   std::ofstream file(*state.dumpPath, std::ios::out | std::ios::trunc);
   if (!file) {
@@ -198,7 +210,8 @@ bool DumpDependencyTree(const PluginList& plugins, const RunState& state) {
     return false;
   }
   WriteDependencyTree(plugins, ListBarriers(), file);
-  return true;
+  file.close();
+  return CheckDumpWritten(file, "'" + *state.dumpPath + "'");
 }
 
 // Loads the plugins, then dumps the graph or runs them; false when a
@@ -215,6 +228,10 @@ bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plug
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_ERROR,
               "unhandled exception whilst enumerating plugins.\nDetails:\n %s \n\n", error.what());
+    return false;
+  } catch (...) {
+    // Not one of ours nor a standard one, but the closing steps still run.
+    Log_Level(LOG_LEVEL_ERROR, "unhandled exception of unknown type whilst enumerating plugins.\n");
     return false;
   }
 }

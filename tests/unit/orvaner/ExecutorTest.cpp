@@ -3,7 +3,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
+#include <new>
+#include <stdexcept>
 #include <system_error>
 
 #include "GraphTestSupport.h"
@@ -148,6 +151,70 @@ TEST_F(ExecutorTest, FirstThreadThatCannotStartReportsNoneCreated) {
     EXPECT_STREQ(error.what(),
                  "Could not create enough execution threads. (0 created, 1requested)");
   }
+}
+
+TEST_F(ExecutorTest, MemoryThatRunsOutWhileStartingWorkersFailsConstructionLikeAThread) {
+  int started = 0;
+  auto failSecond = [&](std::function<void()> work) {
+    if (++started == 2) throw std::bad_alloc();
+    return std::thread(std::move(work));
+  };
+  try {
+    Executor executor(4, false, failSecond);
+    FAIL() << "the executor was built";
+  } catch (const Exception& error) {
+    EXPECT_STREQ(error.what(),
+                 "Could not create enough execution threads. (1 created, 4requested)");
+  }
+}
+
+TEST_F(ExecutorTest, ExceptionOfAnyKindFromAStarterFailsConstruction) {
+  auto throwNumber = [](std::function<void()>) -> std::thread { throw 42; };
+  EXPECT_THROW(Executor(2, false, throwNumber), Exception);
+}
+
+/// A vertex whose action throws what @p thrower throws.
+class ThrowingPlugin : public RecordingPlugin {
+ public:
+  ThrowingPlugin(std::string name, RunLog& log, std::function<void()> thrower)
+      : RecordingPlugin(std::move(name), log), thrower_(std::move(thrower)) {}
+  void Execute(Executor& executor) override {
+    RecordingPlugin::Execute(executor);
+    thrower_();
+  }
+
+ private:
+  std::function<void()> thrower_;
+};
+
+TEST_F(ExecutorTest, ActionThatThrowsIsReportedAndCountsAsFinished) {
+  ThrowingPlugin broken("broken", runLog, [] { throw std::runtime_error("out of luck"); });
+  RecordingPlugin dependant("dependant", runLog);
+  dependant.Requires(broken);
+  ::testing::internal::CaptureStderr();
+  {
+    Executor executor(1, false);
+    broken.ScheduleStart(executor);
+    dependant.ScheduleStart(executor);
+    broken.WaitStarted();
+    dependant.WaitStarted();
+  }
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              ::testing::HasSubstr("unhandled exception whilst running broken: out of luck"));
+  EXPECT_THAT(runLog.Entries(), ElementsAre("broken", "dependant"));
+}
+
+TEST_F(ExecutorTest, ActionThatThrowsSomethingElseIsReportedWithoutText) {
+  ThrowingPlugin broken("odd", runLog, [] { throw 7; });
+  ::testing::internal::CaptureStderr();
+  {
+    Executor executor(2, false);
+    broken.ScheduleStart(executor);
+    broken.WaitStarted();
+  }
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              ::testing::HasSubstr("unknown exception whilst running odd"));
+  EXPECT_EQ(broken.State(), NodeState::Started);
 }
 
 TEST_F(ExecutorTest, RunNodeRunsTheReverseActionOfAVertexQueuedForStop) {
