@@ -74,8 +74,7 @@ class BadInputE2E : public OrvaneRunTest {
   }
 
   /// A plain run that must end by itself within @p limit.
-  RunResult Boot(std::vector<std::string> options = {},
-                 std::chrono::seconds limit = kShortLimit) {
+  RunResult Boot(std::vector<std::string> options = {}, std::chrono::seconds limit = kShortLimit) {
     RunSettings settings;
     settings.timeout = limit;
     RunResult result = Orvane(std::move(options), settings);
@@ -86,9 +85,8 @@ class BadInputE2E : public OrvaneRunTest {
   /// Expects the load failure of @p fileName with @p reason as a system
   /// alert and a syslog warning.
   void ExpectLoadFailure(const std::string& fileName, const std::string& reason) {
-    const std::string text = "exception occurred whilst loading plugin " + fileName +
-                             ": plugin `" + kPluginDirectory + fileName + "' is invalid: " +
-                             reason;
+    const std::string text = "exception occurred whilst loading plugin " + fileName + ": plugin `" +
+                             kPluginDirectory + fileName + "' is invalid: " + reason;
     EXPECT_THAT(KernelLog(), Contains("<1>orvane: " + text));
     EXPECT_TRUE(SyslogHas(LOG_WARNING, text)) << text;
   }
@@ -135,9 +133,8 @@ TEST_F(BadInputE2E, FifoAsTheDebugConfigurationReadsAsAbsentWithOneWarning) {
   WritePlugin("good.json", Description({}, {}, {Record("good")}));
   WritePlugin("other.json", Description({}, {}, {Record("other")}));
   Boot();
-  const std::string warning =
-      std::string("ignoring the debug configuration ") + kDebugConfiguration +
-      ": not a regular file (a FIFO)";
+  const std::string warning = std::string("ignoring the debug configuration ") +
+                              kDebugConfiguration + ": not a regular file (a FIFO)";
   EXPECT_EQ(std::count(messages_.begin(), messages_.end(), warning), 1) << warning;
   EXPECT_THAT(Recorded(), ::testing::UnorderedElementsAre("good", "other"));
 }
@@ -244,13 +241,18 @@ TEST_F(BadInputE2E, ThousandPluginsOfEveryKindOfWhichTwoThirdsFailOrCrashAllAreA
     switch (index % 9) {
       case 0: {  // a run-once JSON plugin that succeeds, in a chain of them
         const std::string name = "okjson" + number;
-        WritePlugin(name + ".json",
-                    "{\"metadata\": {\"version\": 3, \"requires\": " +
-                        JsonList(index >= 9 ? std::vector<std::string>{"ok" + std::to_string(index - 9)}
-                                            : std::vector<std::string>{}) +
-                        ", \"provides\": [\"ok" + number + "\"], \"run_once\": true, "
-                        "\"plugin_version\": \"1." + number + "\"},"
-                        " \"operations\": {\"start\": [\"" + Record(name) + "\"]}}\n");
+        WritePlugin(
+            name + ".json",
+            "{\"metadata\": {\"version\": 3, \"requires\": " +
+                JsonList(index >= 9 ? std::vector<std::string>{"ok" + std::to_string(index - 9)}
+                                    : std::vector<std::string>{}) +
+                ", \"provides\": [\"ok" + number +
+                "\"], \"run_once\": true, "
+                "\"plugin_version\": \"1." +
+                number +
+                "\"},"
+                " \"operations\": {\"start\": [\"" +
+                Record(name) + "\"]}}\n");
         plugins[name] = {"json", "activated"};
         runOnceKeys.insert(name + "1." + number);
         break;
@@ -328,7 +330,8 @@ TEST_F(BadInputE2E, ThousandPluginsOfEveryKindOfWhichTwoThirdsFailOrCrashAllAreA
   EXPECT_THAT(log.back(), StartsWith(" Random Seed: "));
 
   // The run-once record holds the key of every run-once plugin, whole.
-  const RunResult record = sandbox_->Run({"/bin/sh", "-c", std::string("gzip -dc ") + kRunOnceRecord});
+  const RunResult record =
+      sandbox_->Run({"/bin/sh", "-c", std::string("gzip -dc ") + kRunOnceRecord});
   ASSERT_EQ(record.exitStatus, 0) << record.err;
   std::string expectedLine = "orvane.run-once=";
   for (const std::string& key : runOnceKeys) expectedLine += key + ",";

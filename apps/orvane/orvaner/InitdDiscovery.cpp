@@ -65,7 +65,8 @@ void ReadListingLine(const std::string& line, Listing& listing) {
 Listing ReadListing(FILE* stream, const std::string& listingCommand) {
   const hostfile::FileContent output = hostfile::ReadToEnd(fileno(stream), kMaxListingSize);
   if (!output.Ok()) {
-    throw Exception("cannot use the init.d listing of '" + listingCommand + "': " + output.Problem());
+    throw Exception("cannot use the init.d listing of '" + listingCommand +
+                    "': " + output.Problem());
   }
   Listing listing;
   std::istringstream lines(output.text);

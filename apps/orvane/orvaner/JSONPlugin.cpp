@@ -1,6 +1,5 @@
 #include "orvaner/JSONPlugin.h"
 
-
 #include <boost/json/error.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
@@ -149,8 +148,7 @@ void JSONPlugin::ReadDescription(const std::string& path, BarrierRegistry& regis
       case hostfile::ReadStatus::Read: break;
       // Whatever made the open fail, the reason reads the same.
       case hostfile::ReadStatus::CannotOpen: throw Refusal(kCannotOpen);
-      case hostfile::ReadStatus::TooLarge:
-        throw Refusal("description is " + description.Problem());
+      case hostfile::ReadStatus::TooLarge: throw Refusal("description is " + description.Problem());
       case hostfile::ReadStatus::NotRegular:
       case hostfile::ReadStatus::ReadFailed: throw Refusal(description.Problem());
     }
@@ -172,8 +170,7 @@ void JSONPlugin::ParseDescription(std::string_view content, BarrierRegistry& reg
   boost::system::error_code error;
   const boost::json::value root = boost::json::parse(content, error, &arena, options);
   if (error == boost::json::error::too_deep) {
-    throw Refusal("description nests deeper than " + std::to_string(kMaxNestingDepth) +
-                  " levels");
+    throw Refusal("description nests deeper than " + std::to_string(kMaxNestingDepth) + " levels");
   }
   if (error || !root.is_object()) {
     throw Refusal(kRootNotObject);

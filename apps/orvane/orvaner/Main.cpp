@@ -188,8 +188,8 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
 bool CheckDumpWritten(std::ostream& stream, const std::string& destination) {
   const int error = errno;
   if (stream.flush()) return true;
-  Log_Level(LOG_LEVEL_ERROR, "unable to write the dependency tree to %s: %s\n",
-            destination.c_str(), std::strerror(error != 0 ? error : EIO));
+  Log_Level(LOG_LEVEL_ERROR, "unable to write the dependency tree to %s: %s\n", destination.c_str(),
+            std::strerror(error != 0 ? error : EIO));
   return false;
 }
 

@@ -1,8 +1,8 @@
 #include "orvaner/QorcliExecutor.h"
 
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -133,9 +133,10 @@ bool PeerIsOwnUser(int connection) {
   return true;
 }
 
-/// The request of a connection, cut at its first NUL; -1 when the receive
-/// failed or timed out (logged), which gets no reply.
-ssize_t ReceiveRequest(int connection, char (&message)[kMaxMessageLength + 1]) {
+/// Receives the request of a connection into @p message, cut at its first
+/// NUL; false when the receive failed or timed out (logged), which gets no
+/// reply.
+bool ReceiveRequest(int connection, char (&message)[kMaxMessageLength + 1]) {
   if (setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kReceiveTimeout, sizeof kReceiveTimeout) !=
       0) {
     Log_Level(LOG_LEVEL_WARNING, "Executor cannot bound its wait for a request - %s\n",
@@ -145,10 +146,10 @@ ssize_t ReceiveRequest(int connection, char (&message)[kMaxMessageLength + 1]) {
   if (received < 0) {
     Log_Level(LOG_LEVEL_WARNING, "Failed to read message from socket - %s\n\n",
               ErrorText(errno).c_str());
-    return -1;
+    return false;
   }
   message[received] = '\0';  // the text counts up to its first NUL
-  return received;
+  return true;
 }
 
 bool IsStopRequest(const char* message) {
@@ -446,15 +447,14 @@ void QorcliExecutor::HandleConnection(void* clientData) {
 void QorcliExecutor::ServeConnection(int connection, void* clientData) {
   const bool allowed = PeerIsOwnUser(connection);
   char message[kMaxMessageLength + 1];
-  if (ReceiveRequest(connection, message) < 0) {
+  if (!ReceiveRequest(connection, message)) {
     return;
   }
   if (!allowed) {
     SendStatus(connection, kStatusFailure);
     return;
   }
-  const std::optional<CommandStatus> status =
-      AnswerRequest(message, *QorcliDispatcher::Instance());
+  const std::optional<CommandStatus> status = AnswerRequest(message, *QorcliDispatcher::Instance());
   if (status) {
     SendStatus(connection, *status);
   } else {

@@ -4,8 +4,8 @@
 
 #include <array>
 #include <boost/algorithm/string/trim.hpp>
-#include <boost/iostreams/device/back_inserter.hpp>
 #include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/device/back_inserter.hpp>
 #include <boost/iostreams/device/file.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
 #include <boost/iostreams/filtering_stream.hpp>

@@ -60,9 +60,7 @@ TEST_F(AnswerRequestTest, StopInAnyCaseIsAStopRequestWithoutAStatus) {
   EXPECT_EQ(Answer("Stopping everything"), std::nullopt);
 }
 
-TEST_F(AnswerRequestTest, CommandThatSucceedsIsAnsweredZero) {
-  EXPECT_EQ(Answer("test true"), 0);
-}
+TEST_F(AnswerRequestTest, CommandThatSucceedsIsAnsweredZero) { EXPECT_EQ(Answer("test true"), 0); }
 
 TEST_F(AnswerRequestTest, EmptyLineIsAParseErrorAnsweredOne) {
   EXPECT_EQ(Answer(""), 1);
@@ -74,9 +72,7 @@ TEST_F(AnswerRequestTest, UnknownCommandIsAnExecutionErrorAnsweredOne) {
   EXPECT_THAT(logged_, ::testing::HasSubstr("execution of 'test missing' failed : "));
 }
 
-TEST_F(AnswerRequestTest, HelpIsAnsweredZero) {
-  EXPECT_EQ(Answer("test --help"), 0);
-}
+TEST_F(AnswerRequestTest, HelpIsAnsweredZero) { EXPECT_EQ(Answer("test --help"), 0); }
 
 }  // namespace
 }  // namespace orvane

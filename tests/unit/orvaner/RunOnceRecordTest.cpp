@@ -216,8 +216,9 @@ TEST_F(RunOnceRecordTest, FifoInTheRecordsPlaceReadsAsAnEmptyRecordWithAWarning)
   ASSERT_EQ(::mkfifo(record_.c_str(), 0600), 0);
   ::testing::internal::CaptureStderr();
   EXPECT_THAT(ReadInto({"cli"}), ElementsAre("cli"));
-  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-              HasSubstr("ignoring the run-once record " + record_ + ": not a regular file (a FIFO)"));
+  EXPECT_THAT(
+      ::testing::internal::GetCapturedStderr(),
+      HasSubstr("ignoring the run-once record " + record_ + ": not a regular file (a FIFO)"));
 }
 
 TEST_F(RunOnceRecordTest, RecordLargerThanItsBoundIsAnErrorNamingThePath) {
@@ -231,8 +232,8 @@ TEST_F(RunOnceRecordTest, SmallRecordThatDecompressesBeyondTheLineBoundIsAnError
   GzipRecord("orvane.run-once=" + std::string(kMaxRunOnceLineSize + 1024 * 1024, 'k') + ",\n");
   ASSERT_LT(RecordBytes().size(), 64u * 1024);
   EXPECT_EQ(ReadFailure(), "cannot read the run-once record " + record_ +
-                               ": its line is longer than " +
-                               std::to_string(kMaxRunOnceLineSize) + " bytes");
+                               ": its line is longer than " + std::to_string(kMaxRunOnceLineSize) +
+                               " bytes");
 }
 
 TEST_F(RunOnceRecordTest, ForeignRecordIsNotReadPastItsPrefix) {

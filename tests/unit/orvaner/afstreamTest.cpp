@@ -235,7 +235,8 @@ std::vector<std::string> CommitCalls(const std::string& destination, const std::
   EXPECT_EQ(std::system(command.c_str()), 0) << command;
   std::vector<std::string> calls;
   std::ifstream lines(trace);
-  const std::regex call(R"re(^(?:\d+ +)?(\w+)\((?:\d+<([^>]*)>|"([^"]*)"|AT_FDCWD, "([^"]*)").*)re");
+  const std::regex call(
+      R"re(^(?:\d+ +)?(\w+)\((?:\d+<([^>]*)>|"([^"]*)"|AT_FDCWD, "([^"]*)").*)re");
   for (std::string line; std::getline(lines, line);) {
     std::smatch parts;
     if (!std::regex_match(line, parts, call)) continue;

@@ -27,10 +27,10 @@ enum class ReadStatus {
 /// The outcome of reading a file, with what was read when it succeeded.
 struct FileContent {
   ReadStatus status = ReadStatus::Read;
-  int error = 0;         ///< errno of a failed open or read
-  mode_t fileType = 0;   ///< the S_IFMT bits of a file that is not regular
-  std::size_t limit = 0; ///< the bound that a file too large exceeded
-  std::string text;      ///< the content, when status is Read
+  int error = 0;          ///< errno of a failed open or read
+  mode_t fileType = 0;    ///< the S_IFMT bits of a file that is not regular
+  std::size_t limit = 0;  ///< the bound that a file too large exceeded
+  std::string text;       ///< the content, when status is Read
 
   bool Ok() const { return status == ReadStatus::Read; }
   /// Why the file was not read, in a few words: "cannot be opened: No such

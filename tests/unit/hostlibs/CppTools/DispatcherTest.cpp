@@ -172,10 +172,11 @@ TEST_F(DispatcherTest, UnreadableEntriesAreReportedAndSkippedWhileOthersLoad) {
   directory_.Write("defs/e.json", ShellCommand(R"(["after"])", "exit 0"));
   Load("defs");
 
-  EXPECT_THAT(dispatcher_.GetLoadErrors(),
-              ElementsAre(directory_ / "defs/b-directory.json" + ": not a regular file (a directory)",
-                          StartsWith(directory_ / "defs/c-dangling.json" + ": cannot be opened: "),
-                          directory_ / "defs/d-fifo.json" + ": not a regular file (a FIFO)"));
+  EXPECT_THAT(
+      dispatcher_.GetLoadErrors(),
+      ElementsAre(directory_ / "defs/b-directory.json" + ": not a regular file (a directory)",
+                  StartsWith(directory_ / "defs/c-dangling.json" + ": cannot be opened: "),
+                  directory_ / "defs/d-fifo.json" + ": not a regular file (a FIFO)"));
   EXPECT_NE(dispatcher_.FindCommand({"before"}), nullptr);
   EXPECT_NE(dispatcher_.FindCommand({"after"}), nullptr);
 }

@@ -1,7 +1,5 @@
-#include "hostfile/HostFile.h"
-
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +12,7 @@
 #include <thread>
 
 #include "TemporaryDirectory.h"
+#include "hostfile/HostFile.h"
 
 namespace hostfile {
 namespace {
