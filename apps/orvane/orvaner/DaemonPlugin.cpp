@@ -108,6 +108,20 @@ char* const* CommandEnvironment(const RunOptions& options) {
   return options.environment != nullptr ? options.environment : kEmpty;
 }
 
+DaemonCommandPause& ReplacementPause() {
+  static DaemonCommandPause pause;
+  return pause;
+}
+
+// The exit watch's own wait, unless a test put another pause in its place.
+void PauseBetweenPolls(const ZelkKernel::ProcessExitWatch& exitWatch) {
+  if (const DaemonCommandPause& pause = ReplacementPause()) {
+    pause(exitWatch, kPollPeriod);
+    return;
+  }
+  exitWatch.WaitAtMost(kPollPeriod);
+}
+
 // The message of a command that the poll found ended.
 std::string EndedCommandFailure(int status, const std::string& commandLine) {
   const std::string prefix = "Execution of command: " + commandLine;
@@ -206,7 +220,7 @@ std::string AwaitDaemonCommand(pid_t child, std::uint32_t pollCount, bool wait,
     const pid_t reported = waitpid(child, &status, WNOHANG);
     if (reported == 0) {
       // Still running: one period, over early if the command ends in it.
-      exitWatch.WaitAtMost(kPollPeriod);
+      PauseBetweenPolls(exitWatch);
       // A count of 0 wraps here and the wait has in effect no limit.
       if (--pollsLeft == 0) break;
     } else if (reported < 0 && errno == EINTR) {
@@ -229,6 +243,8 @@ std::string AwaitDaemonCommand(pid_t child, std::uint32_t pollCount, bool wait,
   }
   return failure;
 }
+
+void ReplaceDaemonCommandPause(DaemonCommandPause pause) { ReplacementPause() = std::move(pause); }
 
 void RunDaemonCommand(const std::string& /*pluginName*/, const std::string& commandLine,
                       const DaemonCommandStreams& streams) {

@@ -4,10 +4,13 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 
+#include "ZelkKernel/ProcessExitWatch.h"
 #include "orvane/FixedPaths.h"
 #include "orvaner/Plugin.h"
 
@@ -113,5 +116,15 @@ std::uint32_t DaemonCommandPollCount(bool wait, std::uint32_t timeoutSeconds);
 /// Returns the failure message, empty on success.
 std::string AwaitDaemonCommand(pid_t child, std::uint32_t pollCount, bool wait,
                                const std::string& commandLine);
+
+/// A pause of AwaitDaemonCommand between two polls of a command that still
+/// runs: at most @p period (10 ms), over early when the command ends.
+using DaemonCommandPause = std::function<void(const ZelkKernel::ProcessExitWatch& exitWatch,
+                                              std::chrono::microseconds period)>;
+
+/// Makes AwaitDaemonCommand pause with @p pause instead of waiting on the
+/// exit watch itself, until reset with an empty function. For tests, which
+/// count the pauses or lengthen them; set it while no command runs.
+void ReplaceDaemonCommandPause(DaemonCommandPause pause);
 
 }  // namespace orvane
