@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -48,16 +47,6 @@ class DaemonModeE2E : public OrvaneRunTest {
     sandbox_->WriteFile(path, "#!/bin/sh\n" + body, mode);
     return path;
   }
-
-  /// Runs orvane with @p options as the base does, timing the run in elapsed_.
-  RunResult Orvane(std::vector<std::string> options) {
-    const auto begin = std::chrono::steady_clock::now();
-    RunResult result = OrvaneRunTest::Orvane(std::move(options));
-    elapsed_ = std::chrono::steady_clock::now() - begin;
-    return result;
-  }
-
-  std::chrono::steady_clock::duration elapsed_{};
 };
 
 // ---- order
@@ -140,7 +129,7 @@ TEST_F(DaemonModeE2E, DaemonStartedInTheBackgroundRunsOnUntilItsStop) {
        "pid=$(cat /run/sleeper.pid)\n"
        "sleep 0.2; kill -0 \"$pid\" && echo running $(cat /proc/$pid/comm)\n"
        "/usr/bin/orvane --daemon=wait --method=stop >/dev/null || echo stop failed\n"
-       "for i in 1 2 3 4 5 6 7 8 9 10; do kill -0 \"$pid\" 2>/dev/null || break; sleep 0.1; done\n"
+       "i=0; while kill -0 \"$pid\" 2>/dev/null && [ $i -lt 100 ]; do sleep 0.1; i=$((i+1)); done\n"
        "kill -0 \"$pid\" 2>/dev/null || echo gone\n"
        "[ -e /run/sleeper.pid ] || echo pid file removed\n"});
   EXPECT_EQ(result.exitStatus, 0) << result.err;
@@ -162,9 +151,12 @@ TEST_F(DaemonModeE2E, InitScriptOfADebianPackageStartsAndStopsItsDaemon) {
        "/usr/bin/orvane --daemon=wait --method=start >/tmp/start.log || echo start failed\n"
        "pid=$(cat /var/run/rsync.pid)\n"
        "kill -0 \"$pid\" && echo running $(cat /proc/$pid/comm)\n"
-       "rsync rsync://127.0.0.1:28731/ | cut -f1 -d' '\n"
+       // The daemon may not listen yet when its script has returned.
+       "i=0; until rsync rsync://127.0.0.1:28731/ >/tmp/listing 2>/dev/null || [ $i -ge 100 ]; "
+       "do sleep 0.1; i=$((i+1)); done\n"
+       "cut -f1 -d' ' /tmp/listing\n"
        "/usr/bin/orvane --daemon=wait --method=stop >/tmp/stop.log || echo stop failed\n"
-       "for i in 1 2 3 4 5 6 7 8 9 10; do kill -0 \"$pid\" 2>/dev/null || break; sleep 0.1; done\n"
+       "i=0; while kill -0 \"$pid\" 2>/dev/null && [ $i -lt 100 ]; do sleep 0.1; i=$((i+1)); done\n"
        "kill -0 \"$pid\" 2>/dev/null || echo gone\n"
        "[ -e /var/run/rsync.pid ] || echo pid file removed\n"});
   EXPECT_EQ(result.exitStatus, 0) << result.err;
@@ -197,14 +189,16 @@ TEST_F(DaemonModeE2E, FailingDaemonsAreReportedAndTheOthersStillStart) {
 }
 
 TEST_F(DaemonModeE2E, WaitTimeOutReportsASlowDaemonAndMovesOn) {
-  WriteListing(WriteScript("slow", "sleep 20\n") + " 10\n" +
+  // The slow daemon records its end after half a minute unless the sandbox
+  // has ended it, with all else left running, when orvane exited: its line
+  // would mean that orvane waited for it.
+  WriteListing(WriteScript("slow", "sleep 30; echo slow ended >> /tmp/record\n") + " 10\n" +
                WriteScript("quick", Recording("quick")) + " 20\n");
   RunResult result = Orvane({"--daemon=wait", "--daemon-wait-timeout=1", "--method=start"});
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_THAT(messages_, Contains("Orvane failed to start: slow reason: Execution of command: "
                                   "'/etc/init.d/slow start' timed out."));
   EXPECT_THAT(Recorded(), ElementsAre("start quick"));
-  EXPECT_LT(elapsed_, std::chrono::seconds(6));
 }
 
 TEST_F(DaemonModeE2E, StopThatFailsIsReportedAndTheOtherLevelsStillStop) {

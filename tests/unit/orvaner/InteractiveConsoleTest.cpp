@@ -8,6 +8,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -293,10 +294,17 @@ TEST_F(InteractiveConsoleTest, ShellIsTheLeaderOfItsOwnSessionOnTheTerminal) {
   std::FILE* output = ::fdopen(::dup(terminal.Slave()), "w");
   ASSERT_NE(output, nullptr);
   InteractiveConsole console(Devices(terminal.Slave(), output));
+  std::atomic<bool> consoleDone{false};
   auto drainer = std::async(std::launch::async, [&] {
     // Keeps the terminal's output from filling up while the shell echoes.
     std::string seen;
-    for (int round = 0; round < 200 && seen.find("\x1b[2K") == std::string::npos; ++round) {
+    while (!consoleDone) {
+      seen += terminal.Drain();
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    // The console's last write comes through a moment after it returned;
+    // ten seconds is only a guard.
+    for (int round = 0; round < 1000 && seen.find("\x1b[2K") == std::string::npos; ++round) {
       seen += terminal.Drain();
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -304,6 +312,7 @@ TEST_F(InteractiveConsoleTest, ShellIsTheLeaderOfItsOwnSessionOnTheTerminal) {
   });
   console.RunTroubleshootingShell();
   std::fclose(output);
+  consoleDone = true;
   EXPECT_THAT(drainer.get(), HasSubstr("\x1b[2K"));
   EXPECT_EQ(ReadFile(report), std::string(::ptsname(terminal.Master())) + "\n");
 }
