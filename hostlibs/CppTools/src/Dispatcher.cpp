@@ -307,7 +307,7 @@ void Dispatcher::ExecuteCommand(const std::shared_ptr<CommandInput>& input,
       notGiven.push_back(EnvironmentName(parameter.name));
     }
   }
-  detail::ProgramResult result = detail::RunProgram(arguments, environment, notGiven);
+  const ProgramResult result = RunCommandProgram(arguments, environment, notGiven);
   if (!result.startError.empty()) {
     output->AddError("command '" + commandName + "' could not run '" + arguments[0] +
                      "': " + result.startError);
@@ -318,6 +318,13 @@ void Dispatcher::ExecuteCommand(const std::shared_ptr<CommandInput>& input,
     output->AddError("command '" + commandName + "' failed with status " +
                      std::to_string(result.exitStatus));
   }
+}
+
+ProgramResult Dispatcher::RunCommandProgram(
+    const std::vector<std::string>& arguments,
+    const std::vector<std::pair<std::string, std::string>>& environment,
+    const std::vector<std::string>& removedVariables) {
+  return detail::RunProgram(arguments, environment, removedVariables);
 }
 
 const CommandDefinition* Dispatcher::FindCommand(const std::vector<std::string>& path) const {

@@ -5,14 +5,9 @@
 #include <utility>
 #include <vector>
 
-namespace CppTools::AutoCli::detail {
+#include "CppTools/AutoCli/Dispatcher.h"
 
-/// How a program run ended.
-struct ProgramResult {
-  std::string startError;  ///< why the program could not be started; empty when it ran
-  int exitStatus = 0;      ///< its exit status when it exited
-  int signal = 0;          ///< the signal that ended it; 0 when it exited
-};
+namespace CppTools::AutoCli::detail {
 
 /// Runs @p argv (argv[0] found through PATH when it has no "/") with the
 /// caller's environment less the variables named in @p removedVariables,

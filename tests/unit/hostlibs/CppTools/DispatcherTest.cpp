@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "CppTools/AutoCli/CommandInput.h"
@@ -527,6 +528,54 @@ TEST_F(DispatcherRunTest, TheProgramStartsWithDefaultSignalsAndOnlyStandardDescr
   std::string signals = directory_.Read("signals");
   EXPECT_EQ(StandardSignals(signals, "SigIgn"), 0u) << signals;
   EXPECT_EQ(StandardSignals(signals, "SigBlk"), 0u) << signals;
+}
+
+/// A dispatcher whose programs never start: it records what it was asked
+/// to run and answers with a chosen result.
+class RecordingDispatcher : public Dispatcher {
+ public:
+  CppTools::AutoCli::ProgramResult answer;
+  std::vector<std::vector<std::string>> runs;
+  std::vector<std::pair<std::string, std::string>> environment;
+  std::vector<std::string> removedVariables;
+
+ protected:
+  CppTools::AutoCli::ProgramResult RunCommandProgram(
+      const std::vector<std::string>& arguments,
+      const std::vector<std::pair<std::string, std::string>>& givenVariables,
+      const std::vector<std::string>& notGivenVariables) override {
+    runs.push_back(arguments);
+    environment = givenVariables;
+    removedVariables = notGivenVariables;
+    return answer;
+  }
+};
+
+TEST_F(DispatcherRunTest, ASubclassRunnerReplacesTheProgramAndItsResultIsReported) {
+  DefineShow(R"(["/bin/sh", "-c", "echo ran > )" + (directory_ / "ran") + R"(", "{a}", "{b}"])");
+  RecordingDispatcher recording;
+  recording.AddExternalDirectory(directory_ / "defs");
+  recording.answer.exitStatus = 3;
+  auto input = CommandInput::New();
+  auto output = CommandOutput::New();
+  input->SetCommandPath({"show"});
+  input->AddParameter("a", "x y");
+  input->AddParameter("-m", "5");
+  recording.ExecuteCommand(input, output);
+
+  ASSERT_THAT(recording.runs, SizeIs(1));
+  EXPECT_THAT(recording.runs[0],
+              ElementsAre("/bin/sh", "-c", "echo ran > " + (directory_ / "ran"), "x y"));
+  EXPECT_THAT(recording.environment,
+              ElementsAre(std::pair<std::string, std::string>("QORCLI_A", "x y"),
+                          std::pair<std::string, std::string>("QORCLI_MAX_COUNT", "5")));
+  EXPECT_THAT(recording.removedVariables, ElementsAre("QORCLI_B", "QORCLI_FLAG"));
+  EXPECT_THAT(output->GetErrors(), ElementsAre("command 'show' failed with status 3"));
+  EXPECT_FALSE(directory_.Exists("ran")) << "the program itself must not have run";
+
+  // The same definition through the base class really runs the program.
+  EXPECT_THAT(Execute({"show"}, {{"a", "x y"}}), IsEmpty());
+  EXPECT_EQ(directory_.Read("ran"), "ran\n");
 }
 
 // --- Help ----------------------------------------------------------------

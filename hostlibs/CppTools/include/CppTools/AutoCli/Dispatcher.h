@@ -36,6 +36,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace CppTools::AutoCli {
@@ -62,6 +63,13 @@ struct CommandDefinition {
   std::vector<ParameterDefinition> parameters;
   std::vector<std::string> exec;
   std::string sourceFile;  ///< the definition file it was read from
+};
+
+/// How a command's program run ended.
+struct ProgramResult {
+  std::string startError;  ///< why the program could not be started; empty when it ran
+  int exitStatus = 0;      ///< its exit status when it exited
+  int signal = 0;          ///< the signal that ended it; 0 when it exited
 };
 
 class Dispatcher {
@@ -105,6 +113,14 @@ class Dispatcher {
   /// names a command, then the namespaces and commands below it (with their
   /// parameters) when it is a namespace. An empty path lists the top.
   void WriteHelp(const std::vector<std::string>& path, std::ostream& stream) const;
+
+ protected:
+  /// Starts a checked command's program as the class comment says and waits
+  /// for it: the only place a program starts, which a subclass may replace.
+  virtual ProgramResult RunCommandProgram(
+      const std::vector<std::string>& arguments,
+      const std::vector<std::pair<std::string, std::string>>& environment,
+      const std::vector<std::string>& removedVariables);
 
  private:
   void LoadDefinitionFile(const std::string& file);
