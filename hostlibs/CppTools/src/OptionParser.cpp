@@ -177,6 +177,11 @@ void OptionParser::ParseParameters(const std::vector<std::string>& words, std::s
         parseErrors_.push_back("option '" + word + "' has no name");
         continue;
       }
+      if (name[0] == '-') {
+        // "---x" would pass on as "-x", the short name x.
+        parseErrors_.push_back("option '" + word + "' has a name beginning with \"-\"");
+        continue;
+      }
     } else {
       name = word;  // a short name keeps its "-"
     }

@@ -147,6 +147,16 @@ TEST(OptionParser, AnOptionWithoutANameIsAParseError) {
   EXPECT_THAT(Parse("cmd --=x").errors, ElementsAre("option '--=x' has no name"));
 }
 
+TEST(OptionParser, ALongNameBeginningWithADashIsAParseErrorNotAShortName) {
+  // Passed on, "---e" would have read as "-e", the short name e.
+  EXPECT_THAT(Parse("network firewall set ---e true").errors,
+              ElementsAre("option '---e' has a name beginning with \"-\"",
+                          "unexpected word 'true' where a parameter was expected"));
+  EXPECT_THAT(Parse("cmd ---").errors, ElementsAre("option '---' has a name beginning with \"-\""));
+  EXPECT_THAT(Parse("cmd ----name=v").errors,
+              ElementsAre("option '----name=v' has a name beginning with \"-\""));
+}
+
 TEST(OptionParser, ANulByteIsAParseError) {
   Parsed parsed = Parse(std::string("cmd --v=a\0b", 11));
   EXPECT_THAT(parsed.errors, ElementsAre("the command line contains a NUL byte"));
@@ -244,6 +254,8 @@ void CheckOutcome(OptionParser& parser, bool help, const std::string& line) {
   }
   for (const auto& [name, value] : parser.GetCommandParameters()) {
     ASSERT_FALSE(name.empty()) << line;
+    // A long name, or a short one: "-" and a character other than "-".
+    ASSERT_FALSE(name[0] == '-' && (name.size() < 2 || name[1] == '-')) << line;
   }
 }
 

@@ -12,7 +12,8 @@
 /// Leading words that do not begin with "-" are the command path; after them
 /// come parameters: "--name=value", "--name value", "-x value" (a short name,
 /// resolved later by the dispatcher), and "--name" or "-x" followed by
-/// another option or the end of the line (value "true").
+/// another option or the end of the line (value "true"). A long name may
+/// not begin with "-": "---x" is a parse error, not the short name x.
 ///
 /// A word is an option when it begins with "-", is longer than "-" alone
 /// and its second character is not a digit. So a value may begin with "-"
