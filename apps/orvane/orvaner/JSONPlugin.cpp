@@ -86,6 +86,11 @@ std::int32_t TruncateToInt32(const boost::json::value& number) {
     return kHighest;
   }
   const double value = std::trunc(number.get_double());
+  if (std::isnan(value)) {
+    // The parser reads zero with an exponent beyond a double's range
+    // ("0e400") as zero times infinity: NaN, whose value is 0.
+    return 0;
+  }
   if (value <= kLowest) {
     return kLowest;
   }

@@ -190,6 +190,17 @@ TEST_F(JSONPluginTest, VersionsOutsideOneToFourAreUnsupported) {
   }
 }
 
+TEST_F(JSONPluginTest, ZeroWithAnExponentBeyondADoubleIsVersionZeroAndUnsupported) {
+  // The JSON parser makes NaN of these (zero times an infinite power of
+  // ten); converting that to an integer was undefined behaviour.
+  for (const char* version : {"0e400", "-0e400", "0.0e999", "0E+99999"}) {
+    EXPECT_EQ(Reason(R"({"metadata": {"version": )" + std::string(version) +
+                     R"(, "requires": [], "provides": []}, "operations": {"start": []}})"),
+              "Unsupported API version")
+        << version;
+  }
+}
+
 TEST_F(JSONPluginTest, VersionThatIsNotANumberCannotBeParsed) {
   for (const char* version : {R"("3")", "true", "null", "[3]", R"({"v": 3})"}) {
     EXPECT_EQ(Reason(R"({"metadata": {"version": )" + std::string(version) +
