@@ -17,6 +17,8 @@ inline constexpr const char* kStatelessMarker = "/stateless.tgz";
 // Logs written by a run.
 inline constexpr const char* kProfilingLog = "/var/log/sysboot.log";
 inline constexpr const char* kExecutorOutputLog = "/var/log/orvane-qorcli-stdout.log";
+// The run records (runs/<start>-<mode>.jsonl) and the link to the newest.
+inline constexpr const char* kRunRecordDirectory = "/var/log/orvane";
 
 // The CLI executor process and the host CLI's command definitions, in the
 // order the dispatcher reads them.

@@ -18,7 +18,9 @@
 #include "log/Log.h"
 #include "log/Panic.h"
 #include "orvaner/Exception.h"
+#include "orvaner/Executor.h"
 #include "orvaner/Logging.h"
+#include "orvaner/PassObserver.h"
 #include "orvaner/RunOptions.h"
 
 namespace orvane {
@@ -147,15 +149,22 @@ void DaemonPlugin::Execute(Executor& executor) {
   progressScreen.AdvanceProgress();
 }
 
-void DaemonPlugin::ExecuteReverse(Executor& /*executor*/) {
+void DaemonPlugin::ExecuteReverse(Executor& executor) {
+  PassObserver* observer = executor.Observer();
+  if (observer != nullptr) observer->ActivationStarted(*this);
   LogAlert("Deactivating Daemon %s.", Name().c_str());
   Log_Level(LOG_LEVEL_INFO, "executing stop for daemon %s.\n", Name().c_str());
   try {
     Stop();
     LogAlert("Daemon %s deactivated.", Name().c_str());
+    if (observer != nullptr)
+      observer->ActivationFinished(*this, PassObserver::Outcome::Activated, "");
   } catch (const std::exception& error) {
     // A daemon that fails to stop must not hold up the others.
     LogAlert("Daemon %s deactivation failed: %s", Name().c_str(), error.what());
+    if (observer != nullptr) {
+      observer->ActivationFinished(*this, PassObserver::Outcome::Failed, error.what());
+    }
   }
 }
 

@@ -8,11 +8,14 @@
 #include "orvaner/Exception.h"
 #include "orvaner/GraphLock.h"
 #include "orvaner/Node.h"
+#include "orvaner/PassObserver.h"
 
 namespace orvane {
 namespace {
 
 std::thread StartStdThread(std::function<void()> work) { return std::thread(std::move(work)); }
+
+thread_local int currentWorker = -1;
 
 /// Logs an exception that left a vertex's action or completion, which is
 /// the exception being handled; @p step says which. Without the memory to
@@ -46,7 +49,7 @@ Executor::Executor(int threadCount, bool randomize, const ThreadStarter& startTh
       // Room first: a thread that is started but cannot be stored would end
       // the process when its handle goes.
       threads_.reserve(threads_.size() + 1);
-      threads_.push_back(startThread([this] { WorkerLoop(); }));
+      threads_.push_back(startThread([this, index] { WorkerLoop(index); }));
     } catch (...) {
       // Not only a thread the system refuses: memory for the thread or its
       // handle that cannot be had fails the pool the same way.
@@ -83,6 +86,7 @@ void Executor::StopWorkers() {
 void Executor::Enqueue(Node& node) {
   GraphLockGuard lock;
   readyList_.Push(node);
+  if (observer_ != nullptr) observer_->VertexReady(node);
   pthread_cond_broadcast(&readyCondition_);
 }
 
@@ -109,7 +113,10 @@ void Executor::RunNode(Node& node) {
   }
 }
 
-void Executor::WorkerLoop() {
+int Executor::CurrentWorker() { return currentWorker; }
+
+void Executor::WorkerLoop(int index) {
+  currentWorker = index;
   GraphLockGuard lock;
   while (!stopping_) {
     while (!readyList_.Empty()) {
@@ -128,6 +135,7 @@ void Executor::WorkerLoop() {
       // pick: every vertex would otherwise cost the worker three, each a
       // chance to queue behind the main thread scheduling the plugin list.
       lock.Lock();
+      if (observer_ != nullptr) observer_->VertexDone(node);
       try {
         node.Complete(*this, forward);
       } catch (...) {

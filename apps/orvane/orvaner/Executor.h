@@ -12,6 +12,7 @@
 namespace orvane {
 
 class Node;
+class PassObserver;
 
 /// Each worker repeatedly takes the most urgent queued vertex (ReadyList)
 /// and runs its forward or reverse action, which makes further vertices
@@ -49,8 +50,17 @@ class Executor {
   /// never more workers than plugins.
   static int ParallelThreadCount(std::size_t pluginCount, int processorCount);
 
+  /// Tells @p observer of every vertex that becomes ready or is done from
+  /// now on (null: nobody). Set it before the pass starts.
+  void SetObserver(PassObserver* observer) { observer_ = observer; }
+  PassObserver* Observer() const { return observer_; }
+
+  /// The index of the worker running this code (0, 1, ... in the order they
+  /// were started), or -1 on a thread that is no worker.
+  static int CurrentWorker();
+
  private:
-  void WorkerLoop();
+  void WorkerLoop(int index);
   void StopWorkers();
 
   pthread_cond_t readyCondition_;
@@ -58,6 +68,7 @@ class Executor {
   std::vector<std::thread> threads_;
   bool stopping_ = false;
   bool randomize_;
+  PassObserver* observer_ = nullptr;
 };
 
 }  // namespace orvane

@@ -10,7 +10,7 @@ namespace orvane {
 
 LegacyDaemonPlugin::LegacyDaemonPlugin(std::string name, const std::string& script,
                                        std::int32_t startOrder, BarrierRegistry& registry)
-    : DaemonPlugin(std::move(name), startOrder) {
+    : DaemonPlugin(std::move(name), startOrder), script_(script) {
   GraphLockGuard lock;
   // A negative start order lands where its bit pattern sorts, as on the host.
   PriorityBarrier& level = registry.GetPriorityBarrier(static_cast<std::uint32_t>(startOrder));

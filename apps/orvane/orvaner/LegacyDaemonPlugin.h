@@ -22,6 +22,12 @@ class LegacyDaemonPlugin : public DaemonPlugin {
 
   /// Throws NotImplementedException.
   void ApplyHostProfile() override;
+
+  /// The init.d script the daemon is started and stopped through.
+  const std::string& Script() const { return script_; }
+
+ private:
+  std::string script_;
 };
 
 }  // namespace orvane

@@ -1,18 +1,26 @@
 #include "orvaner/LoadedPlugins.h"
 
+#include <iterator>
 #include <utility>
 
 namespace orvane {
 
-void LoadedPlugins::Append(std::unique_ptr<Plugin> plugin) {
+void LoadedPlugins::Append(std::unique_ptr<Plugin> plugin, std::string source) {
+  loadLog_.push_back({plugin.get(), std::move(source), {}, {}});
   list_.push_back(plugin.get());
   owned_.push_back(std::move(plugin));
+}
+
+void LoadedPlugins::Refuse(std::string source, std::string name, std::string reason) {
+  loadLog_.push_back({nullptr, std::move(source), std::move(name), std::move(reason)});
 }
 
 void LoadedPlugins::Keep(std::unique_ptr<Plugin> plugin) { owned_.push_back(std::move(plugin)); }
 
 void LoadedPlugins::Append(LoadedPlugins&& other) {
   list_.insert(list_.end(), other.list_.begin(), other.list_.end());
+  loadLog_.insert(loadLog_.end(), std::make_move_iterator(other.loadLog_.begin()),
+                  std::make_move_iterator(other.loadLog_.end()));
   Keep(std::move(other));
 }
 
@@ -22,6 +30,7 @@ void LoadedPlugins::Keep(LoadedPlugins&& other) {
   }
   other.owned_.clear();
   other.list_.clear();
+  other.loadLog_.clear();
 }
 
 }  // namespace orvane

@@ -3,6 +3,8 @@
 
 #include <deque>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "orvaner/Plugin.h"
 
@@ -17,14 +19,29 @@ class LoadedPlugins {
   LoadedPlugins(const LoadedPlugins&) = delete;
   LoadedPlugins& operator=(const LoadedPlugins&) = delete;
 
-  /// Takes @p plugin and appends it to the plugin list.
-  void Append(std::unique_ptr<Plugin> plugin);
+  /// What loading met, in order: a plugin that takes part, with the file it
+  /// came from, or a refusal: the file, the plugin's name and why.
+  struct LoadEntry {
+    const Plugin* plugin = nullptr;  ///< null for a refusal
+    std::string source;
+    std::string name;    ///< of a refusal
+    std::string reason;  ///< of a refusal
+  };
+
+  /// Takes @p plugin and appends it to the plugin list; @p source is the
+  /// file it was loaded from, when there is one.
+  void Append(std::unique_ptr<Plugin> plugin, std::string source = {});
 
   /// Takes @p plugin without listing it: a plugin kept out of the run that
   /// the barriers it joined still refer to.
   void Keep(std::unique_ptr<Plugin> plugin);
 
-  /// Takes every plugin of @p other and appends its list to this one.
+  /// Notes that the plugin @p name of @p source was kept out of the run,
+  /// and why.
+  void Refuse(std::string source, std::string name, std::string reason);
+
+  /// Takes every plugin of @p other and appends its list and what its
+  /// loading met to this one.
   void Append(LoadedPlugins&& other);
 
   /// Takes every plugin of @p other without listing any of them.
@@ -32,10 +49,13 @@ class LoadedPlugins {
 
   /// The plugins that take part in the run, in load order.
   const PluginList& List() const { return list_; }
+  /// The plugins appended and the refusals noted, in the order they came.
+  const std::vector<LoadEntry>& LoadLog() const { return loadLog_; }
 
  private:
   std::deque<std::unique_ptr<Plugin>> owned_;
   PluginList list_;
+  std::vector<LoadEntry> loadLog_;
 };
 
 }  // namespace orvane

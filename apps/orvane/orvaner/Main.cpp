@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -30,6 +31,7 @@
 #include "orvaner/QorcliExecutor.h"
 #include "orvaner/RunOnceRecord.h"
 #include "orvaner/RunOptions.h"
+#include "orvaner/RunRecord.h"
 #include "orvaner/RunState.h"
 
 namespace orvane {
@@ -44,6 +46,7 @@ constexpr const char* kStopMethod = "stop";
 
 void ReadStartClock(RunState& state) {
   gettimeofday(&state.startTime, nullptr);
+  state.startMonotonic = std::chrono::steady_clock::now();
   struct sysinfo kernelInformation {};
   if (sysinfo(&kernelInformation) == 0) {
     state.kernelUptimeSeconds = kernelInformation.uptime;
@@ -165,9 +168,12 @@ void StopAll(const PluginList& plugins, Executor& executor) {
   for (Plugin* plugin : plugins) plugin->WaitStopped();
 }
 
-// One pass over the graph on a pool that lives as long as the pass.
-void RunPluginPass(const PluginList& plugins, const RunOptions& options, const RunState& state) {
+// One pass over the graph on a pool that lives as long as the pass; the
+// run record hears of every step.
+void RunPluginPass(const PluginList& plugins, const RunOptions& options, const RunState& state,
+                   RunRecord& record) {
   Executor executor(static_cast<int>(options.threadCount), options.randomize);
+  executor.SetObserver(&record);
   if (state.daemon && options.method == kStopMethod) {
     StopAll(plugins, executor);
     return;
@@ -216,14 +222,16 @@ bool DumpDependencyTree(const PluginList& plugins, const RunState& state) {
 
 // Loads the plugins, then dumps the graph or runs them; false when a
 // standard exception ended either or the dump could not be written.
-bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plugins) {
+bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plugins,
+                       RunRecord& record) {
   try {
     LoadPlugins(options, state, plugins);
     ChooseThreadCount(options, plugins.List());
     if (state.dump) {
       return DumpDependencyTree(plugins.List(), state);
     }
-    RunPluginPass(plugins.List(), options, state);
+    record.Open(options, state, plugins, ListBarriers());
+    RunPluginPass(plugins.List(), options, state, record);
     return true;
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_ERROR,
@@ -267,7 +275,8 @@ int Main(int argc, char* argv[], char* envp[]) {
   DetachFromCaller();
 
   LoadedPlugins plugins;
-  const bool succeeded = LoadAndRunPlugins(options, state, plugins);
+  RunRecord record;
+  const bool succeeded = LoadAndRunPlugins(options, state, plugins, record);
 
   // The closing steps, whatever became of the plugins; each is attempted
   // even when the one before failed.
@@ -280,7 +289,9 @@ int Main(int argc, char* argv[], char* envp[]) {
     StopExecutor();
     EndBootConfiguration();
   }
-  return succeeded ? kExitSuccess : kExitFailure;
+  const int status = succeeded ? kExitSuccess : kExitFailure;
+  record.End(status);
+  return status;
 }
 
 }  // namespace orvane

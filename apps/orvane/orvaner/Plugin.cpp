@@ -6,9 +6,11 @@
 
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/Executor.h"
 #include "orvaner/HostProfile.h"
 #include "orvaner/InteractiveConsole.h"
 #include "orvaner/Logging.h"
+#include "orvaner/PassObserver.h"
 #include "orvaner/RunOptions.h"
 
 namespace orvane {
@@ -28,10 +30,16 @@ Plugin::Plugin(std::string name) : Plugin(std::move(name), kDefaultSchedulingCla
 Plugin::Plugin(std::string name, std::uint32_t schedulingClass)
     : Node(std::move(name), schedulingClass) {}
 
-void Plugin::Execute(Executor& /*executor*/) {
+void Plugin::Execute(Executor& executor) {
   std::string reason;
   gettimeofday(&startTime, nullptr);
-  if (!AskOperator()) return;
+  PassObserver* observer = executor.Observer();
+  if (observer != nullptr) observer->ActivationStarted(*this);
+  if (!AskOperator()) {
+    if (observer != nullptr)
+      observer->ActivationFinished(*this, PassObserver::Outcome::Skipped, "");
+    return;
+  }
 
   const RunOptions& options = RunOptions::Instance();
   if (options.trace) {
@@ -40,6 +48,11 @@ void Plugin::Execute(Executor& /*executor*/) {
   LogAlert("Activating Orvane plugin %s.", Name().c_str());
   const bool succeeded = RunChosenMethod(reason);
   Finish(succeeded, reason);
+  if (observer != nullptr) {
+    observer->ActivationFinished(
+        *this, succeeded ? PassObserver::Outcome::Activated : PassObserver::Outcome::Failed,
+        reason);
+  }
 }
 
 bool Plugin::AskOperator() {

@@ -47,8 +47,11 @@ std::string FullPath(const std::string& directory, const std::string& fileName) 
 
 // A plugin file that cannot be loaded costs only its own plugin: the
 // failure is raised as a system alert and logged, and loading goes on.
+// The failure is also noted in @p plugins as the refusal of @p pluginName.
 template <typename Construct>
-std::unique_ptr<Plugin> ConstructOrReport(const std::string& fileName, Construct construct) {
+std::unique_ptr<Plugin> ConstructOrReport(const std::string& fileName,
+                                          const std::string& pluginName, LoadedPlugins& plugins,
+                                          Construct construct) {
   std::string failure;
   try {
     return construct();
@@ -59,6 +62,7 @@ std::unique_ptr<Plugin> ConstructOrReport(const std::string& fileName, Construct
   }
   RaiseSystemAlert(failure);
   Log_Level(LOG_LEVEL_WARNING, "%s\n", failure.c_str());
+  plugins.Refuse(fileName, pluginName, failure);
   return nullptr;
 }
 
@@ -77,9 +81,9 @@ bool IsDisabled(const Plugin& plugin, const std::vector<std::string>& disabledPl
          disabledPlugins.end();
 }
 
-// The boot-flag rules: false when either refuses the plugin. Both are
+// The boot-flag rules: empty when the plugin passes, else why not. Both are
 // reported when both apply, the disabling flags first.
-bool PassesBootFlags(const Plugin& plugin, const std::set<std::string>& bootFlags) {
+std::string BootFlagRefusal(const Plugin& plugin, const std::set<std::string>& bootFlags) {
   std::set<std::string> disabledBy;
   std::set_intersection(bootFlags.begin(), bootFlags.end(), plugin.GetDisablingFlags().begin(),
                         plugin.GetDisablingFlags().end(),
@@ -96,7 +100,13 @@ bool PassesBootFlags(const Plugin& plugin, const std::set<std::string>& bootFlag
               "ignoring plugin '%s', disabled due to missing required boot flags: %s.\n",
               plugin.Name().c_str(), FlagText(missing).c_str());
   }
-  return disabledBy.empty() && missing.empty();
+  std::string refusal;
+  if (!disabledBy.empty()) refusal = "disabled due to boot flags: " + FlagText(disabledBy);
+  if (!missing.empty()) {
+    if (!refusal.empty()) refusal += "; ";
+    refusal += "disabled due to missing required boot flags: " + FlagText(missing);
+  }
+  return refusal;
 }
 
 // A run-once plugin whose key is known stays in the list, so the graph
@@ -119,20 +129,23 @@ void ApplyRunOnce(Plugin& plugin, std::set<std::string>& runOnce) {
 
 // Takes a constructed plugin through the filters into the list, or keeps it
 // out of it, marked done.
-void Filter(std::unique_ptr<Plugin> plugin, LoadedPlugins& plugins, const PluginFilters& filters) {
+void Filter(std::unique_ptr<Plugin> plugin, const std::string& fileName, const std::string& path,
+            LoadedPlugins& plugins, const PluginFilters& filters) {
   if (IsDisabled(*plugin, filters.disabledPlugins)) {
     Log_Level(LOG_LEVEL_INFO, "ignoring plugin '%s' due to blacklist.\n", plugin->Name().c_str());
     plugin->MarkDone();
+    plugins.Refuse(fileName, plugin->Name(), "due to blacklist");
     plugins.Keep(std::move(plugin));
     return;
   }
-  if (!PassesBootFlags(*plugin, filters.bootFlags)) {
+  if (std::string refusal = BootFlagRefusal(*plugin, filters.bootFlags); !refusal.empty()) {
     plugin->MarkDone();
+    plugins.Refuse(fileName, plugin->Name(), std::move(refusal));
     plugins.Keep(std::move(plugin));
     return;
   }
   Plugin& accepted = *plugin;
-  plugins.Append(std::move(plugin));
+  plugins.Append(std::move(plugin), path);
   ApplyRunOnce(accepted, filters.runOnce);
 }
 
@@ -158,7 +171,7 @@ void LoadAll(const std::vector<std::string>& pluginNames, const PluginFilters& f
   ReadDebugConfiguration(debugEntries, debugConfiguration);
   WalkPluginDirectory(options.pluginDirectory, plugins, filters, options, debugConfiguration);
   for (const DebugEntry& entry : debugEntries) {
-    plugins.Append(MakeDebugPlugin(entry));
+    plugins.Append(MakeDebugPlugin(entry), debugConfiguration);
   }
 }
 
@@ -195,14 +208,15 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
 
   std::unique_ptr<Plugin> plugin;
   if (extension == kNativeExtension) {
-    plugin = ConstructOrReport(fileName,
+    plugin = ConstructOrReport(fileName, pluginName, plugins,
                                [&] { return std::make_unique<NativePlugin>(pluginName, path); });
   } else if (extension == kJSONExtension) {
-    plugin = ConstructOrReport(fileName, [&] { return JSONPlugin::Load(pluginName, path); });
+    plugin = ConstructOrReport(fileName, pluginName, plugins,
+                               [&] { return JSONPlugin::Load(pluginName, path); });
   } else if (extension == kDebugExtension) {
     for (const DebugEntry& entry : *debugEntries) {
       if (entry.name == pluginName) {
-        plugins.Append(MakeDebugPlugin(entry));
+        plugins.Append(MakeDebugPlugin(entry), debugConfiguration);
       }
     }
     return;
@@ -212,7 +226,7 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
     return;
   }
   if (plugin) {
-    Filter(std::move(plugin), plugins, filters);
+    Filter(std::move(plugin), fileName, path, plugins, filters);
   }
 }
 

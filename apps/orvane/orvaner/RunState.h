@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include <chrono>
 #include <optional>
 #include <set>
 #include <string>
@@ -24,6 +25,7 @@ struct RunState {
   std::set<std::string> pluginFlags;
   std::set<std::string> runOnce;  ///< --run-once keys; enumeration looks plugins up and adds keys
   timeval startTime{};
+  std::chrono::steady_clock::time_point startMonotonic;  ///< read with startTime
   timeval endTime{};
   long kernelUptimeSeconds = 0;
 };
