@@ -6,13 +6,14 @@
 namespace orvane {
 
 void LoadedPlugins::Append(std::unique_ptr<Plugin> plugin, std::string source) {
-  loadLog_.push_back({plugin.get(), std::move(source), {}, {}});
+  loadLog_.push_back({false, plugin.get(), std::move(source), {}, {}});
   list_.push_back(plugin.get());
   owned_.push_back(std::move(plugin));
 }
 
-void LoadedPlugins::Refuse(std::string source, std::string name, std::string reason) {
-  loadLog_.push_back({nullptr, std::move(source), std::move(name), std::move(reason)});
+void LoadedPlugins::Refuse(std::string source, std::string name, std::string reason,
+                           const Plugin* plugin) {
+  loadLog_.push_back({true, plugin, std::move(source), std::move(name), std::move(reason)});
 }
 
 void LoadedPlugins::Keep(std::unique_ptr<Plugin> plugin) { owned_.push_back(std::move(plugin)); }

@@ -22,7 +22,10 @@ class LoadedPlugins {
   /// What loading met, in order: a plugin that takes part, with the file it
   /// came from, or a refusal: the file, the plugin's name and why.
   struct LoadEntry {
-    const Plugin* plugin = nullptr;  ///< null for a refusal
+    bool refused = false;
+    /// The plugin; for a refusal the one kept out (still linked to its
+    /// barriers), or null when none could be built.
+    const Plugin* plugin = nullptr;
     std::string source;
     std::string name;    ///< of a refusal
     std::string reason;  ///< of a refusal
@@ -37,8 +40,9 @@ class LoadedPlugins {
   void Keep(std::unique_ptr<Plugin> plugin);
 
   /// Notes that the plugin @p name of @p source was kept out of the run,
-  /// and why.
-  void Refuse(std::string source, std::string name, std::string reason);
+  /// and why; @p plugin is the plugin kept out, when it could be built.
+  void Refuse(std::string source, std::string name, std::string reason,
+              const Plugin* plugin = nullptr);
 
   /// Takes every plugin of @p other and appends its list and what its
   /// loading met to this one.

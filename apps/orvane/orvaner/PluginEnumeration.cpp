@@ -134,13 +134,13 @@ void Filter(std::unique_ptr<Plugin> plugin, const std::string& fileName, const s
   if (IsDisabled(*plugin, filters.disabledPlugins)) {
     Log_Level(LOG_LEVEL_INFO, "ignoring plugin '%s' due to blacklist.\n", plugin->Name().c_str());
     plugin->MarkDone();
-    plugins.Refuse(fileName, plugin->Name(), "due to blacklist");
+    plugins.Refuse(fileName, plugin->Name(), "due to blacklist", plugin.get());
     plugins.Keep(std::move(plugin));
     return;
   }
   if (std::string refusal = BootFlagRefusal(*plugin, filters.bootFlags); !refusal.empty()) {
     plugin->MarkDone();
-    plugins.Refuse(fileName, plugin->Name(), std::move(refusal));
+    plugins.Refuse(fileName, plugin->Name(), std::move(refusal), plugin.get());
     plugins.Keep(std::move(plugin));
     return;
   }

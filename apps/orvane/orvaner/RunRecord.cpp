@@ -239,7 +239,7 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
   GraphLockGuard lock;
   int nextId = 0;
   for (const LoadedPlugins::LoadEntry& entry : plugins.LoadLog()) {
-    if (entry.plugin != nullptr) vertices_[entry.plugin] = {nextId++, false};
+    if (!entry.refused) vertices_[entry.plugin] = {nextId++, false};
   }
   for (const Node* barrier : barriers) vertices_[barrier] = {nextId++, true};
 
@@ -251,7 +251,7 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
     return List(known, [](std::string& list, int id) { list += std::to_string(id); });
   };
   for (const LoadedPlugins::LoadEntry& entry : plugins.LoadLog()) {
-    if (entry.plugin == nullptr) {
+    if (entry.refused) {
       Write("{\"type\":\"refused\",\"file\":" + Quoted(entry.source) +
             ",\"name\":" + Quoted(entry.name) + ",\"reason\":" + Quoted(entry.reason) + "}");
       continue;
