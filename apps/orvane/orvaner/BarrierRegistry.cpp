@@ -1,21 +1,40 @@
 #include "orvaner/BarrierRegistry.h"
 
+#include <atomic>
+
 #include "orvaner/GraphLock.h"
 #include "orvaner/InitBarrier.h"
 #include "orvaner/PriorityBarrier.h"
 
 namespace orvane {
+namespace {
+
+// The registry a ScopedInstance put in place of the process-wide one, or null.
+std::atomic<BarrierRegistry*>& ScopedRegistry() {
+  static std::atomic<BarrierRegistry*> registry{nullptr};
+  return registry;
+}
+
+}  // namespace
 
 BarrierRegistry::BarrierRegistry() = default;
 
 BarrierRegistry::~BarrierRegistry() = default;
 
 BarrierRegistry& BarrierRegistry::Instance() {
+  if (BarrierRegistry* scoped = ScopedRegistry().load()) {
+    return *scoped;
+  }
   // Never destroyed: worker threads may still look at barriers while the
   // process exits.
   static auto* registry = new BarrierRegistry;
   return *registry;
 }
+
+BarrierRegistry::ScopedInstance::ScopedInstance(BarrierRegistry& registry)
+    : previous_(ScopedRegistry().exchange(&registry)) {}
+
+BarrierRegistry::ScopedInstance::~ScopedInstance() { ScopedRegistry().store(previous_); }
 
 Node* BarrierRegistry::GetBarrier(const std::string& name, bool create) {
   GraphLockGuard lock;

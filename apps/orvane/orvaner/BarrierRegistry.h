@@ -25,8 +25,25 @@ class BarrierRegistry {
   BarrierRegistry(const BarrierRegistry&) = delete;
   BarrierRegistry& operator=(const BarrierRegistry&) = delete;
 
-  /// The process-wide registry, created on first use and never destroyed.
+  /// The process-wide registry, created on first use and never destroyed;
+  /// while a ScopedInstance exists, the registry it names instead.
   static BarrierRegistry& Instance();
+
+  /// Makes Instance(), and with it every plugin kind that links itself
+  /// through the process-wide registry, use @p registry until the scope
+  /// ends; then the one before it is back. For a program that loads several
+  /// plugin sets one after the other, each into a graph of its own. Create
+  /// and destroy it only while no other thread uses the graph.
+  class ScopedInstance {
+   public:
+    explicit ScopedInstance(BarrierRegistry& registry);
+    ~ScopedInstance();
+    ScopedInstance(const ScopedInstance&) = delete;
+    ScopedInstance& operator=(const ScopedInstance&) = delete;
+
+   private:
+    BarrierRegistry* previous_;
+  };
 
   /// The vertex registered under @p name, whatever its class. Otherwise a
   /// new InitBarrier of that name when @p create is true, else null.
