@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <string_view>
 #include <vector>
 
@@ -170,6 +171,8 @@ void RemoveOldRecords(const std::string& runs, const std::string& keep) {
 }  // namespace
 
 RunRecord::~RunRecord() {
+  StopWriter();
+  Flush();
   if (const int descriptor = descriptor_.exchange(-1); descriptor >= 0) close(descriptor);
 }
 
@@ -196,8 +199,13 @@ void RunRecord::Open(const RunOptions& options, const RunState& state, const Loa
             ",\"startMicroseconds\":" + std::to_string(EpochMicroseconds(state.startTime)) +
             ",\"host\":" + Quoted(HostName()) + ",\"pid\":" + std::to_string(getpid()) +
             ",\"version\":" + Quoted(ProductState_GetVersion()) + "}";
-  Write(std::move(header));
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Append(header);
+  }
   WriteGraph(plugins, barriers);
+  Flush();
+  writerRuns_ = StartWriter();
 }
 
 bool RunRecord::CreateFile(const std::string& directory, const std::string& name) {
@@ -237,6 +245,7 @@ bool RunRecord::CreateFile(const std::string& directory, const std::string& name
 
 void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>& barriers) {
   GraphLockGuard lock;
+  std::lock_guard<std::mutex> gathering(mutex_);
   int nextId = 0;
   for (const LoadedPlugins::LoadEntry& entry : plugins.LoadLog()) {
     if (!entry.refused) vertices_[entry.plugin] = {nextId++, false};
@@ -252,7 +261,7 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
   };
   for (const LoadedPlugins::LoadEntry& entry : plugins.LoadLog()) {
     if (entry.refused) {
-      Write("{\"type\":\"refused\",\"file\":" + Quoted(entry.source) +
+      Append("{\"type\":\"refused\",\"file\":" + Quoted(entry.source) +
             ",\"name\":" + Quoted(entry.name) + ",\"reason\":" + Quoted(entry.reason) + "}");
       continue;
     }
@@ -265,7 +274,7 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
         plugin.IsRunOnce() ? Quoted(plugin.Name() + plugin.GetPluginVersion()) : "null";
     // Only a run-once plugin whose key was found is done before the pass.
     const bool alreadyRun = plugin.State() == NodeState::Started;
-    Write("{\"type\":\"plugin\",\"id\":" + std::to_string(IdOf(plugin)) +
+    Append("{\"type\":\"plugin\",\"id\":" + std::to_string(IdOf(plugin)) +
           ",\"name\":" + Quoted(plugin.Name()) + ",\"kind\":" + Quoted(KindName(plugin)) +
           ",\"file\":" + Quoted(source) + ",\"requires\":" + ids(plugin.Predecessors()) +
           ",\"provides\":" + ids(plugin.Successors()) +
@@ -274,7 +283,7 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
   }
   for (const Node* barrier : barriers) {
     const bool priority = dynamic_cast<const PriorityBarrier*>(barrier) != nullptr;
-    Write("{\"type\":\"barrier\",\"id\":" + std::to_string(IdOf(*barrier)) + ",\"name\":" +
+    Append("{\"type\":\"barrier\",\"id\":" + std::to_string(IdOf(*barrier)) + ",\"name\":" +
           Quoted(barrier->Name()) + ",\"kind\":" + Quoted(priority ? "priority" : "init") +
           ",\"requires\":" + ids(barrier->Predecessors()) +
           ",\"provides\":" + ids(barrier->Successors()) + "}");
@@ -287,9 +296,11 @@ void RunRecord::End(int status) {
   gettimeofday(&now, nullptr);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    Write("{\"type\":\"end\",\"t\":" + std::to_string(Now()) +
-          ",\"status\":" + std::to_string(status) + ",\"end\":" + Quoted(IsoTime(now)) + "}");
+    Append("{\"type\":\"end\",\"t\":" + std::to_string(Now()) +
+           ",\"status\":" + std::to_string(status) + ",\"end\":" + Quoted(IsoTime(now)) + "}");
   }
+  StopWriter();
+  Flush();
   if (const int descriptor = descriptor_.exchange(-1); descriptor >= 0) close(descriptor);
 }
 
@@ -300,7 +311,11 @@ void RunRecord::VertexDone(const Node& node) {
   if (vertex != vertices_.end() && vertex->second.barrier) WriteEvent("barrier-done", node);
 }
 
-void RunRecord::ActivationStarted(const Node& plugin) { WriteEvent("start", plugin); }
+// Written before the plugin runs: a plugin that never returns is in the
+// record as started.
+void RunRecord::ActivationStarted(const Node& plugin) {
+  WriteEvent("start", plugin, {}, true);
+}
 
 void RunRecord::ActivationFinished(const Node& plugin, Outcome outcome, const std::string& reason) {
   switch (outcome) {
@@ -325,29 +340,52 @@ int RunRecord::IdOf(const Node& node) const {
 
 // A record that failed, or was never opened, costs an event nothing more
 // than this test; the mutex is taken only while there is a file to write.
-void RunRecord::WriteEvent(const char* type, const Node& node, const std::string& rest) {
+void RunRecord::WriteEvent(const char* type, const Node& node, const std::string& rest,
+                           bool flush) {
   if (descriptor_ < 0) return;
   const int id = IdOf(node);
   if (id < 0) return;
   const int worker = Executor::CurrentWorker();
-  std::lock_guard<std::mutex> lock(mutex_);
-  Write(std::string("{\"type\":\"") + type + "\",\"t\":" + std::to_string(Now()) +
-        ",\"worker\":" + std::to_string(worker) + ",\"id\":" + std::to_string(id) + rest + "}");
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Append(std::string("{\"type\":\"") + type + "\",\"t\":" + std::to_string(Now()) +
+           ",\"worker\":" + std::to_string(worker) + ",\"id\":" + std::to_string(id) + rest +
+           "}");
+  }
+  if (flush || !writerRuns_.load(std::memory_order_relaxed)) Flush();
 }
 
-void RunRecord::Write(std::string line) {
+void RunRecord::Append(const std::string& line) {
+  if (descriptor_ < 0) return;
+  pending_ += line;
+  pending_ += '\n';
+}
+
+void RunRecord::Flush() {
+  std::lock_guard<std::mutex> flushing(flushMutex_);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    batch_.swap(pending_);
+  }
+  if (!batch_.empty()) WriteBatch(batch_);
+  batch_.clear();
+}
+
+void RunRecord::WriteBatch(const std::string& batch) {
   const int descriptor = descriptor_;
   if (descriptor < 0) return;
-  line += '\n';
   std::size_t written = 0;
-  while (written < line.size()) {
-    const ssize_t count = write(descriptor, line.data() + written, line.size() - written);
+  while (written < batch.size()) {
+    const ssize_t count = write(descriptor, batch.data() + written, batch.size() - written);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) {
       const int error = count < 0 ? errno : ENOSPC;
-      // A line cut short by a full disk is taken back: the record stays a
-      // run of whole lines.
-      if (written > 0 && ftruncate(descriptor, static_cast<off_t>(size_)) != 0) {
+      // What a full disk let through is cut back to its whole lines: the
+      // record stays a run of whole lines.
+      const std::size_t lastLineEnd = written == 0 ? std::string::npos
+                                                   : batch.rfind('\n', written - 1);
+      const std::size_t whole = lastLineEnd == std::string::npos ? 0 : lastLineEnd + 1;
+      if (written != whole && ftruncate(descriptor, static_cast<off_t>(size_ + whole)) != 0) {
         Log_Level(LOG_LEVEL_WARNING, "unable to cut the run record %s back to whole lines: %s\n",
                   path_.c_str(), std::strerror(errno));
       }
@@ -357,6 +395,38 @@ void RunRecord::Write(std::string line) {
     written += static_cast<std::size_t>(count);
   }
   size_ += written;
+}
+
+bool RunRecord::StartWriter() {
+  if (descriptor_ < 0) return false;
+  try {
+    writer_ = std::thread([this] {
+      std::unique_lock<std::mutex> lock(mutex_);
+      while (!stopping_) {
+        wake_.wait_for(lock, kFlushInterval, [this] { return stopping_; });
+        if (pending_.empty()) continue;
+        lock.unlock();
+        Flush();
+        lock.lock();
+      }
+    });
+    return true;
+  } catch (const std::exception& error) {
+    Log_Level(LOG_LEVEL_WARNING, "writing the run record %s line by line: %s\n", path_.c_str(),
+              error.what());
+    return false;
+  }
+}
+
+void RunRecord::StopWriter() {
+  if (!writer_.joinable()) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  writer_.join();
+  writerRuns_ = false;
 }
 
 void RunRecord::Fail(const std::string& what, int error) {

@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "orvane/FixedPaths.h"
@@ -21,14 +23,25 @@ struct RunState;
 
 /// Writes the record of one run as it goes: Open writes the header and the
 /// graph as loaded, the pass reports its steps as a PassObserver, End
-/// writes the last line. Each line goes to the file with one write, so a
-/// run killed midway leaves whole lines. A record never changes the run:
-/// the first thing that cannot be written is logged at level 3 and nothing
-/// more is recorded. Until Open succeeds, every call does nothing.
+/// writes the last line.
+///
+/// Lines gather in memory and go to the file in batches of whole lines,
+/// each batch with one write, so a run killed midway leaves whole lines and
+/// the workers never wait for the disk. A plugin's start is written before
+/// the plugin runs, with every line before it: a boot that hangs in a
+/// plugin has that plugin's start in its record. The other lines follow
+/// within kFlushInterval, written by a thread of the record's own (or at
+/// once, each, when that thread cannot be started).
+///
+/// A record never changes the run: the first thing that cannot be written
+/// is logged at level 3 and nothing more is recorded. Until Open succeeds,
+/// every call does nothing.
 class RunRecord : public PassObserver {
  public:
   /// Records kept in the runs directory: the newest ones.
   static constexpr std::size_t kKeptRecords = 20;
+  /// The longest a line other than a start waits in memory.
+  static constexpr std::chrono::milliseconds kFlushInterval{20};
 
   RunRecord() = default;
   ~RunRecord() override;
@@ -62,18 +75,38 @@ class RunRecord : public PassObserver {
   /// The id of @p node, or -1 for a vertex that takes no part in the run.
   int IdOf(const Node& node) const;
   /// An event line for @p node of @p type, taken now by this thread; @p rest
-  /// is more fields, each beginning with a comma.
-  void WriteEvent(const char* type, const Node& node, const std::string& rest = {});
-  /// Appends @p line and a line end with one write; on failure reports it
-  /// once and stops recording.
-  void Write(std::string line);
+  /// is more fields, each beginning with a comma. With @p flush, the line
+  /// and all before it are written before this returns.
+  void WriteEvent(const char* type, const Node& node, const std::string& rest = {},
+                  bool flush = false);
+  /// Adds @p line and a line end to the lines not yet written; the caller
+  /// holds mutex_.
+  void Append(const std::string& line);
+  /// Writes every line gathered so far, in one write.
+  void Flush();
+  /// Appends @p batch, whole lines, to the file; on failure cuts the file
+  /// back to whole lines, reports it once and stops recording.
+  void WriteBatch(const std::string& batch);
   void Fail(const std::string& what, int error);
+  /// Starts the thread that writes what gathers; false when it cannot run.
+  bool StartWriter();
+  /// Stops that thread, if it runs, and writes what is left.
+  void StopWriter();
 
-  std::mutex mutex_;  ///< one line at a time, in the order of their times
+  std::mutex mutex_;  ///< guards pending_ and stopping_; lines are added in time order
+  std::string pending_;  ///< whole lines not yet written
+  bool stopping_ = false;
+  std::condition_variable wake_;  ///< tells the writer to stop
+  std::thread writer_;
+  /// False when no writer runs: each line is then written as it comes.
+  std::atomic<bool> writerRuns_ = false;
+  /// One batch at a time, in the order their lines were gathered.
+  std::mutex flushMutex_;
+  std::string batch_;  ///< the batch being written; guarded by flushMutex_
   /// The record's file; -1 when there is none (never opened, ended or failed).
   std::atomic<int> descriptor_ = -1;
   std::string path_;
-  std::size_t size_ = 0;  ///< bytes of whole lines written
+  std::size_t size_ = 0;  ///< bytes of whole lines written; guarded by flushMutex_
   std::chrono::steady_clock::time_point start_;
   /// Every vertex of the run: its id, and whether it is a barrier.
   struct Vertex {

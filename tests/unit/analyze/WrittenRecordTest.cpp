@@ -166,13 +166,16 @@ TEST_F(WrittenRecordTest, HangingRunIsShownWhileItHangs) {
   Open();
   std::thread pass([this] { Pass(); });
 
-  // Wait, at most ten seconds, for the record to show hang's start.
+  // Wait, at most ten seconds, for the record to show hang's start and
+  // free's finish (free runs beside hang on the other worker).
   const Record* live = nullptr;
   Record record;
   for (int attempt = 0; attempt < 1000 && live == nullptr; ++attempt) {
     record = ReadRecord(record_.Path());
     const std::vector<std::size_t> hang = record.PluginsNamed("hang");
-    if (!hang.empty() && record.vertices[hang[0]].start) {
+    const std::vector<std::size_t> free = record.PluginsNamed("free");
+    if (!hang.empty() && record.vertices[hang[0]].start && !free.empty() &&
+        record.vertices[free[0]].finish) {
       live = &record;
     } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -187,7 +190,7 @@ TEST_F(WrittenRecordTest, HangingRunIsShownWhileItHangs) {
   pass.join();
   record_.End(0);
 
-  ASSERT_NE(live, nullptr) << "the record never showed hang's start";
+  ASSERT_NE(live, nullptr) << "the record never showed hang's start and free's finish";
   EXPECT_TRUE(record.Live());
   EXPECT_THAT(status.str(), HasSubstr("has not ended: 5.000s since its start.\n"));
   EXPECT_THAT(status.str(), HasSubstr("Running (1):\n"));

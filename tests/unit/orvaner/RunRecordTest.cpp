@@ -20,6 +20,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "GraphTestSupport.h"
@@ -234,6 +235,49 @@ TEST_F(RunRecordTest, EventTimesNeverGoBackAndWorkersAreNamed) {
       EXPECT_TRUE(worker == 0 || worker == 1) << worker;
     }
   }
+}
+
+// A plugin that never returns must be in the record as started: its start
+// is in the file before its code runs.
+TEST_F(RunRecordTest, StartIsInTheFileBeforeThePluginRuns) {
+  ActivatedPlugin& first = Add("first", {}, {"b"});
+  ActivatedPlugin& second = Add("second", {"b"}, {});
+  std::vector<std::string> seenBySecond;
+  second.onStart = [&] { seenBySecond = Events(); };
+  first.onStart = [] {};
+  Run();
+  const std::string firstId = std::to_string(IdOf("plugin", "first"));
+  const std::string secondId = std::to_string(IdOf("plugin", "second"));
+  ASSERT_FALSE(seenBySecond.empty());
+  EXPECT_EQ(seenBySecond.back(), "start " + secondId);
+  // Every line before the start went with it.
+  EXPECT_THAT(seenBySecond, ::testing::Contains("finish " + firstId));
+}
+
+// The lines after the last start reach the file by themselves, without the
+// run's end: a status taken while the boot hangs elsewhere sees them.
+TEST_F(RunRecordTest, LinesAfterTheLastStartFollowWithoutTheEnd) {
+  Add("solo", {}, {});
+  record_.Open(options_, state_, plugins_, registry_.ListBarriers(), directory_.Path().string());
+  {
+    Executor executor(2, false);
+    executor.SetObserver(&record_);
+    for (Plugin* plugin : plugins_.List()) plugin->ScheduleStart(executor);
+    for (Plugin* plugin : plugins_.List()) plugin->WaitStarted();
+  }
+  const std::string done = "finish " + std::to_string(IdOf("plugin", "solo"));
+  // A guard against a hang, far above the writer's interval.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  std::vector<std::string> events = Events();
+  while ((events.empty() || events.back() != done) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(RunRecord::kFlushInterval);
+    events = Events();
+  }
+  ASSERT_FALSE(events.empty());
+  EXPECT_EQ(events.back(), done);
+  EXPECT_NE(Type(Lines().back()), "end");
+  record_.End(0);
+  EXPECT_EQ(Type(Lines().back()), "end");
 }
 
 TEST_F(RunRecordTest, FailedActivationCarriesItsReason) {
