@@ -11,6 +11,10 @@
 // It lays the plugins out on the host's fixed paths and runs the installed
 // program, so it runs only inside a sandbox: scripts/bench-boot builds,
 // stages and runs it there. Prints figures; asserts nothing.
+//
+// Given a second orvane built without the run record (ORVANE_RUN_RECORD=OFF),
+// it also measures what recording costs: the two programs run in turns, the
+// order swapped every round, and the medians compared.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -29,6 +33,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "SpawnTiming.h"
@@ -153,6 +158,61 @@ void RunDirect(const std::vector<Work>& work, int threads) {
   for (std::thread& worker : workers) worker.join();
 }
 
+// The medians of @p rounds runs of @p first and @p second, run in turns with
+// the order swapped every round, so that a change in the machine's load
+// falls on both alike.
+std::pair<double, double> InterleavedMedians(int rounds, const std::function<void()>& first,
+                                             const std::function<void()>& second) {
+  std::vector<double> firstTimes;
+  std::vector<double> secondTimes;
+  const auto timed = [](const std::function<void()>& run) {
+    const auto begin = Clock::now();
+    run();
+    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+  };
+  first();
+  second();
+  for (int round = 0; round < rounds; ++round) {
+    if (round % 2 == 0) {
+      firstTimes.push_back(timed(first));
+      secondTimes.push_back(timed(second));
+    } else {
+      secondTimes.push_back(timed(second));
+      firstTimes.push_back(timed(first));
+    }
+  }
+  std::sort(firstTimes.begin(), firstTimes.end());
+  std::sort(secondTimes.begin(), secondTimes.end());
+  return {firstTimes[firstTimes.size() / 2], secondTimes[secondTimes.size() / 2]};
+}
+
+std::string LoadAverage() {
+  std::ifstream loadavg("/proc/loadavg");
+  std::string one, five, fifteen;
+  loadavg >> one >> five >> fifteen;
+  return one + " " + five + " " + fifteen;
+}
+
+// What the run record costs a boot: the same runs with and without it.
+void ReportRecordCost(const std::string& withoutRecord) {
+  constexpr int kRecordRounds = 9;
+  for (const bool parallel : {false, true}) {
+    std::vector<std::string> with = {kOrvane};
+    std::vector<std::string> without = {withoutRecord};
+    if (parallel) {
+      with.push_back("--parallel");
+      without.push_back("--parallel");
+    }
+    const auto [recorded, unrecorded] = InterleavedMedians(
+        kRecordRounds, [&] { RunOrvane(with); }, [&] { RunOrvane(without); });
+    std::printf(
+        "record   %-8s with %8.1f ms  without %8.1f ms  cost %+6.1f ms (%+.2f%%)  median of %d "
+        "interleaved runs, load %s\n",
+        parallel ? "parallel" : "serial", recorded, unrecorded, recorded - unrecorded,
+        100.0 * (recorded - unrecorded) / unrecorded, kRecordRounds, LoadAverage().c_str());
+  }
+}
+
 void Report(const char* mode, int threads, int plugins, double orvane, double direct) {
   std::printf(
       "%-8s threads %2d  orvane %8.1f ms (%6.3f ms/plugin)  direct %8.1f ms (%6.3f ms/plugin)  "
@@ -163,13 +223,13 @@ void Report(const char* mode, int threads, int plugins, double orvane, double di
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  if (argc < 2 || argc > 3) {
-    std::fprintf(stderr, "usage: %s NATIVE-LIBRARY [PLUGINS]\n", argv[0]);
+  if (argc < 2 || argc > 4) {
+    std::fprintf(stderr, "usage: %s NATIVE-LIBRARY [PLUGINS [ORVANE-WITHOUT-RECORD]]\n", argv[0]);
     return 2;
   }
   const int plugins = argc > 2 ? std::atoi(argv[2]) : 1000;
   if (plugins < 1) {
-    std::fprintf(stderr, "usage: %s NATIVE-LIBRARY [PLUGINS]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s NATIVE-LIBRARY [PLUGINS [ORVANE-WITHOUT-RECORD]]\n", argv[0]);
     return 2;
   }
   const std::vector<Work> work = LayOut(plugins, argv[1]);
@@ -202,5 +262,8 @@ int main(int argc, char* argv[]) {
                [](const Work& item) { return item.kind == Kind::kJSON; });
   const double commandsDirect = MedianMilliseconds(kRounds, [&] { RunDirect(commands, 1); });
   std::printf("JSON commands alone, direct and one at a time: %.1f ms\n", commandsDirect);
+  std::printf("load %s\n", LoadAverage().c_str());
+
+  if (argc > 3) ReportRecordCost(argv[3]);
   return 0;
 }
