@@ -212,6 +212,10 @@ class RecordParser {
     } else if (type == "finish") {
       Set(vertex.finish, moment, type, vertex);
       vertex.outcome = String(object, "outcome");
+      if (vertex.outcome != "activated" && vertex.outcome != "failed" &&
+          vertex.outcome != "skipped") {
+        Damaged("has an unknown outcome");
+      }
       vertex.reason = OptionalString(object, "reason");
     } else {
       Set(vertex.done, moment, type, vertex);

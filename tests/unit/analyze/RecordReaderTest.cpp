@@ -181,6 +181,12 @@ TEST(RecordReaderTest, LineWithoutAFieldItsTypeNeedsIsDamage) {
             "bad.jsonl: damaged: line 2 has no \"type\"");
 }
 
+TEST(RecordReaderTest, FinishWithAnOutcomeTheWriterNeverWritesIsDamage) {
+  EXPECT_EQ(ErrorOf(kHeaderLine + kExampleGraph +
+                    R"({"type":"finish","t":1,"id":0,"outcome":"ski\u00ffpped"})" + "\n"),
+            "bad.jsonl: damaged: line 11 has an unknown outcome");
+}
+
 TEST(RecordReaderTest, EventOfAVertexTheGraphLacksIsDamage) {
   EXPECT_EQ(ErrorOf(kHeaderLine + kExampleGraph + R"({"type":"ready","t":1,"id":99})" + "\n"),
             "bad.jsonl: damaged: line 11 (ready) names vertex 99, which the graph does not have");
