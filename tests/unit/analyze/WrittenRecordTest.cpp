@@ -12,79 +12,24 @@
 #include <stdexcept>
 #include <thread>
 
-#include "TemporaryDirectory.h"
 #include "analyze/Blame.h"
 #include "analyze/CriticalChain.h"
 #include "analyze/RecordReader.h"
 #include "analyze/Status.h"
 #include "analyze/Trace.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/Executor.h"
-#include "orvaner/GraphTestSupport.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/Logging.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/RunRecord.h"
-#include "orvaner/RunState.h"
+#include "orvaner/RunRecordTestSupport.h"
 
 namespace orvane::analyze::testing {
 namespace {
 
 using ::testing::HasSubstr;
 
-/// A plugin whose start does what the test sets.
-class ScriptedPlugin : public Plugin {
- public:
-  explicit ScriptedPlugin(std::string name) : Plugin(std::move(name)) {}
-  std::function<void()> onStart = [] {};
-  void Start() override { onStart(); }
-  bool SupportsHostProfile() const override { return false; }
-  void ApplyHostProfile() override {}
-};
+using orvane::testing::ScriptedPlugin;
 
-class WrittenRecordTest : public orvane::testing::GraphTest {
+class WrittenRecordTest : public orvane::testing::RecordedRunTest {
  protected:
-  void SetUp() override {
-    GraphTest::SetUp();
-    ReplaceAlertLogSink([](const std::string&) {});
-    state_.startTime = {1764000000, 123456};
-    state_.startMonotonic = std::chrono::steady_clock::now();
-    options_.threadCount = 2;
-    options_.parallel = true;
-  }
-  void TearDown() override {
-    ReplaceAlertLogSink({});
-    GraphTest::TearDown();
-  }
-
-  ScriptedPlugin& Add(const std::string& name, const std::vector<std::string>& required,
-                      const std::vector<std::string>& provided) {
-    auto plugin = std::make_unique<ScriptedPlugin>(name);
-    for (const std::string& barrier : required) {
-      plugin->Requires(*registry_.GetBarrier(barrier, true));
-    }
-    for (const std::string& barrier : provided) {
-      plugin->Provides(*registry_.GetBarrier(barrier, true));
-    }
-    ScriptedPlugin& added = *plugin;
-    plugins_.Append(std::move(plugin), "/plugins/" + name + ".json");
-    return added;
-  }
-
-  /// Opens the record and runs one start pass on two workers.
-  void Pass() {
-    Executor executor(2, false);
-    executor.SetObserver(&record_);
-    for (Plugin* plugin : plugins_.List()) {
-      plugin->ScheduleStart(executor);
-    }
-    for (Plugin* plugin : plugins_.List()) {
-      plugin->WaitStarted();
-    }
-  }
-
   void Open() {
-    record_.Open(options_, state_, plugins_, registry_.ListBarriers(), directory_.Path().string());
+    OpenRecord();
     ASSERT_FALSE(record_.Path().empty());
   }
 
@@ -100,13 +45,6 @@ class WrittenRecordTest : public orvane::testing::GraphTest {
     Add("sshd", {"disks", "fw"}, {});
     Add("once", {}, {}).MarkDone();
   }
-
-  unit_testing::TemporaryDirectory directory_;
-  BarrierRegistry registry_;
-  LoadedPlugins plugins_;
-  RunOptions options_;
-  RunState state_;
-  RunRecord record_;
 };
 
 TEST_F(WrittenRecordTest, EndedRunReadsWithEveryFact) {

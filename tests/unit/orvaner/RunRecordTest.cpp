@@ -23,15 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "GraphTestSupport.h"
-#include "TemporaryDirectory.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/Executor.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/Logging.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/RunRecord.h"
-#include "orvaner/RunState.h"
+#include "RunRecordTestSupport.h"
 
 namespace orvane::testing {
 namespace {
@@ -50,55 +42,19 @@ std::vector<std::string> Split(const std::string& text) {
   return lines;
 }
 
-/// A plugin with Plugin's own activation, whose start does what a test sets.
-class ActivatedPlugin : public Plugin {
- public:
-  explicit ActivatedPlugin(std::string name) : Plugin(std::move(name)) {}
-  std::function<void()> onStart = [] {};
-  void Start() override { onStart(); }
-  bool SupportsHostProfile() const override { return false; }
-  void ApplyHostProfile() override {}
-};
-
-class RunRecordTest : public GraphTest {
+class RunRecordTest : public RecordedRunTest {
  protected:
   void SetUp() override {
-    GraphTest::SetUp();
-    ReplaceAlertLogSink([](const std::string&) {});
-    state_.startTime = {1764000000, 123456};  // 2025-11-24 16:00:00.123456 UTC
-    state_.startMonotonic = std::chrono::steady_clock::now();
-    options_.threadCount = 2;
-    options_.parallel = true;
+    RecordedRunTest::SetUp();
     options_.randomSeed = 42;
     options_.pluginDirectory = "/plugins";
     state_.pluginFlags = {"b", "a"};
   }
-  void TearDown() override {
-    ReplaceAlertLogSink({});
-    GraphTest::TearDown();
-  }
-
-  ActivatedPlugin& Add(const std::string& name, const std::vector<std::string>& required,
-                       const std::vector<std::string>& provided) {
-    auto plugin = std::make_unique<ActivatedPlugin>(name);
-    for (const std::string& barrier : required)
-      plugin->Requires(*registry_.GetBarrier(barrier, true));
-    for (const std::string& barrier : provided)
-      plugin->Provides(*registry_.GetBarrier(barrier, true));
-    ActivatedPlugin& added = *plugin;
-    plugins_.Append(std::move(plugin), "/plugins/" + name + ".json");
-    return added;
-  }
 
   /// Opens the record, runs one start pass on two workers, ends with @p status.
   void Run(int status = 0) {
-    record_.Open(options_, state_, plugins_, registry_.ListBarriers(), directory_.Path().string());
-    {
-      Executor executor(2, false);
-      executor.SetObserver(&record_);
-      for (Plugin* plugin : plugins_.List()) plugin->ScheduleStart(executor);
-      for (Plugin* plugin : plugins_.List()) plugin->WaitStarted();
-    }
+    OpenRecord();
+    Pass();
     record_.End(status);
   }
 
@@ -147,13 +103,6 @@ class RunRecordTest : public GraphTest {
     }
     return events;
   }
-
-  unit_testing::TemporaryDirectory directory_;
-  BarrierRegistry registry_;
-  LoadedPlugins plugins_;
-  RunOptions options_;
-  RunState state_;
-  RunRecord record_;
 };
 
 TEST_F(RunRecordTest, RecordIsNamedAfterTheStartAndModeAndLinkedAsTheNewest) {
@@ -240,8 +189,8 @@ TEST_F(RunRecordTest, EventTimesNeverGoBackAndWorkersAreNamed) {
 // A plugin that never returns must be in the record as started: its start
 // is in the file before its code runs.
 TEST_F(RunRecordTest, StartIsInTheFileBeforeThePluginRuns) {
-  ActivatedPlugin& first = Add("first", {}, {"b"});
-  ActivatedPlugin& second = Add("second", {"b"}, {});
+  ScriptedPlugin& first = Add("first", {}, {"b"});
+  ScriptedPlugin& second = Add("second", {"b"}, {});
   std::vector<std::string> seenBySecond;
   second.onStart = [&] { seenBySecond = Events(); };
   first.onStart = [] {};
@@ -258,13 +207,8 @@ TEST_F(RunRecordTest, StartIsInTheFileBeforeThePluginRuns) {
 // run's end: a status taken while the boot hangs elsewhere sees them.
 TEST_F(RunRecordTest, LinesAfterTheLastStartFollowWithoutTheEnd) {
   Add("solo", {}, {});
-  record_.Open(options_, state_, plugins_, registry_.ListBarriers(), directory_.Path().string());
-  {
-    Executor executor(2, false);
-    executor.SetObserver(&record_);
-    for (Plugin* plugin : plugins_.List()) plugin->ScheduleStart(executor);
-    for (Plugin* plugin : plugins_.List()) plugin->WaitStarted();
-  }
+  OpenRecord();
+  Pass();
   const std::string done = "finish " + std::to_string(IdOf("plugin", "solo"));
   // A guard against a hang, far above the writer's interval.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -281,7 +225,7 @@ TEST_F(RunRecordTest, LinesAfterTheLastStartFollowWithoutTheEnd) {
 }
 
 TEST_F(RunRecordTest, FailedActivationCarriesItsReason) {
-  ActivatedPlugin& broken = Add("broken", {}, {});
+  ScriptedPlugin& broken = Add("broken", {}, {});
   broken.onStart = [] { throw std::runtime_error("disk on fire"); };
   Run();
   const std::vector<json::object> finishes = OfType("finish");
@@ -301,7 +245,7 @@ TEST_F(RunRecordTest, EndLineCarriesTheStatusLast) {
 }
 
 TEST_F(RunRecordTest, AlreadyRunPluginIsMarkedAndHasNoEvents) {
-  ActivatedPlugin& done = Add("done", {}, {});
+  ScriptedPlugin& done = Add("done", {}, {});
   done.MarkDone();
   Run();
   const std::vector<json::object> pluginLines = OfType("plugin");
