@@ -16,15 +16,6 @@ constexpr const char* kCycleArrow = " -> ";
 // keeps every vertex of it.
 constexpr std::size_t kShownCycleEnd = 8;
 
-std::vector<std::string> Names(const std::vector<Node*>& nodes) {
-  std::vector<std::string> names;
-  names.reserve(nodes.size());
-  for (const Node* node : nodes) {
-    names.push_back(node->Name());
-  }
-  return names;
-}
-
 std::string Joined(std::vector<std::string>::const_iterator first,
                    std::vector<std::string>::const_iterator last) {
   std::string text;
@@ -98,13 +89,13 @@ void VerifyGraph::CheckProviders(VerifyReport& report) {
       // here is an InitBarrier: the set has no start-priority levels).
       finding.severity = VerifySeverity::Failure;
       finding.kind = VerifyKind::MissingProvider;
-      finding.plugins = Names(barrier->Successors());
+      finding.plugins = NamesOf(barrier->Successors());
       finding.text = static_cast<InitBarrier*>(barrier)->MissingProviderText();
       report.Add(std::move(finding));
     } else if (barrier->Successors().empty()) {
       finding.severity = VerifySeverity::Note;
       finding.kind = VerifyKind::UnrequiredBarrier;
-      finding.plugins = Names(barrier->Predecessors());
+      finding.plugins = NamesOf(barrier->Predecessors());
       finding.text = "barrier \"" + barrier->Name() + "\" is provided by " +
                      QuotedList(finding.plugins) + " but no plugin requires it";
       report.Add(std::move(finding));

@@ -46,15 +46,6 @@ std::string Joined(const std::vector<std::string>& lines) {
   return text;
 }
 
-std::vector<std::string> Names(const std::vector<Node*>& nodes) {
-  std::vector<std::string> names;
-  names.reserve(nodes.size());
-  for (const Node* node : nodes) {
-    names.push_back(node->Name());
-  }
-  return names;
-}
-
 // The plugin's edges lead only to barriers, whose names are what the
 // plugin declared.
 VerifyPlugin Describe(const Plugin& plugin, const std::string& file, bool refused) {
@@ -62,8 +53,8 @@ VerifyPlugin Describe(const Plugin& plugin, const std::string& file, bool refuse
   described.name = plugin.Name();
   described.file = file;
   described.refused = refused;
-  described.requiredBarriers = Names(plugin.Predecessors());
-  described.providedBarriers = Names(plugin.Successors());
+  described.requiredBarriers = NamesOf(plugin.Predecessors());
+  described.providedBarriers = NamesOf(plugin.Successors());
   if (const auto* json = dynamic_cast<const JSONPlugin*>(&plugin)) {
     described.kind = VerifyPlugin::Kind::JSON;
     described.startCommands = json->StartCommands();
@@ -100,6 +91,15 @@ std::vector<std::string> NewLines(const std::vector<std::string>& lines,
 }
 
 }  // namespace
+
+std::vector<std::string> NamesOf(const std::vector<Node*>& nodes) {
+  std::vector<std::string> names;
+  names.reserve(nodes.size());
+  for (const Node* node : nodes) {
+    names.push_back(node->Name());
+  }
+  return names;
+}
 
 VerifyLoader::VerifyLoader(const VerifyPaths& paths, VerifyCapture& capture, VerifyReport& report)
     : paths_(paths), capture_(capture), report_(report) {

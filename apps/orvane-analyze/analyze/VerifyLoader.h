@@ -12,7 +12,14 @@
 #include "orvaner/DebugConfiguration.h"
 #include "orvaner/RunOptions.h"
 
+namespace orvane {
+class Node;
+}
+
 namespace orvane::analyze {
+
+/// The names of @p nodes, in order.
+std::vector<std::string> NamesOf(const std::vector<Node*>& nodes);
 
 /// One plugin as loading made it: what the graph and the command-line
 /// check need of it.
