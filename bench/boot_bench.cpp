@@ -14,7 +14,8 @@
 //
 // Given a second orvane built without the run record (ORVANE_RUN_RECORD=OFF),
 // it also measures what recording costs: the two programs run in turns, the
-// order swapped every round, and the medians compared.
+// order swapped every round, and the pairs of runs compared. The record's
+// own cost, without processes around it, is orvane_runrecord_bench's.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -158,13 +159,17 @@ void RunDirect(const std::vector<Work>& work, int threads) {
   for (std::thread& worker : workers) worker.join();
 }
 
-// The medians of @p rounds runs of @p first and @p second, run in turns with
-// the order swapped every round, so that a change in the machine's load
-// falls on both alike.
-std::pair<double, double> InterleavedMedians(int rounds, const std::function<void()>& first,
-                                             const std::function<void()>& second) {
-  std::vector<double> firstTimes;
-  std::vector<double> secondTimes;
+// @p rounds runs of @p first and of @p second, in turns with the order
+// swapped every round, so that a change in the machine's load falls on both
+// alike: each one's times, in milliseconds, round by round.
+struct Interleaved {
+  std::vector<double> first;
+  std::vector<double> second;
+};
+
+Interleaved RunInTurns(int rounds, const std::function<void()>& first,
+                       const std::function<void()>& second) {
+  Interleaved times;
   const auto timed = [](const std::function<void()>& run) {
     const auto begin = Clock::now();
     run();
@@ -174,16 +179,21 @@ std::pair<double, double> InterleavedMedians(int rounds, const std::function<voi
   second();
   for (int round = 0; round < rounds; ++round) {
     if (round % 2 == 0) {
-      firstTimes.push_back(timed(first));
-      secondTimes.push_back(timed(second));
+      times.first.push_back(timed(first));
+      times.second.push_back(timed(second));
     } else {
-      secondTimes.push_back(timed(second));
-      firstTimes.push_back(timed(first));
+      times.second.push_back(timed(second));
+      times.first.push_back(timed(first));
     }
   }
-  std::sort(firstTimes.begin(), firstTimes.end());
-  std::sort(secondTimes.begin(), secondTimes.end());
-  return {firstTimes[firstTimes.size() / 2], secondTimes[secondTimes.size() / 2]};
+  return times;
+}
+
+// The value below which @p fraction of @p values lie (nearest rank).
+double Quantile(std::vector<double> values, double fraction) {
+  std::sort(values.begin(), values.end());
+  const auto rank = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
+  return values[rank];
 }
 
 std::string LoadAverage() {
@@ -193,9 +203,12 @@ std::string LoadAverage() {
   return one + " " + five + " " + fifteen;
 }
 
-// What the run record costs a boot: the same runs with and without it.
+// What the run record costs a boot: the same runs with and without it, in
+// turns. Each round's two runs lie side by side, so the difference of each
+// pair is the record's cost under that round's load; their median is the
+// figure, their quartiles say how far the machine's noise spreads it.
 void ReportRecordCost(const std::string& withoutRecord) {
-  constexpr int kRecordRounds = 9;
+  constexpr int kRecordRounds = 21;
   for (const bool parallel : {false, true}) {
     std::vector<std::string> with = {kOrvane};
     std::vector<std::string> without = {withoutRecord};
@@ -203,13 +216,20 @@ void ReportRecordCost(const std::string& withoutRecord) {
       with.push_back("--parallel");
       without.push_back("--parallel");
     }
-    const auto [recorded, unrecorded] = InterleavedMedians(
-        kRecordRounds, [&] { RunOrvane(with); }, [&] { RunOrvane(without); });
+    const std::string loadBefore = LoadAverage();
+    const Interleaved times =
+        RunInTurns(kRecordRounds, [&] { RunOrvane(with); }, [&] { RunOrvane(without); });
+    std::vector<double> costs;
+    for (std::size_t round = 0; round < times.first.size(); ++round) {
+      costs.push_back(times.first[round] - times.second[round]);
+    }
+    const double unrecorded = Quantile(times.second, 0.5);
     std::printf(
-        "record   %-8s with %8.1f ms  without %8.1f ms  cost %+6.1f ms (%+.2f%%)  median of %d "
-        "interleaved runs, load %s\n",
-        parallel ? "parallel" : "serial", recorded, unrecorded, recorded - unrecorded,
-        100.0 * (recorded - unrecorded) / unrecorded, kRecordRounds, LoadAverage().c_str());
+        "record   %-8s with %7.1f ms  without %7.1f ms (medians)  cost per pair: median %+5.1f ms "
+        "(%+.2f%%), quartiles %+5.1f .. %+5.1f ms; %d rounds in turns, load %s -> %s\n",
+        parallel ? "parallel" : "serial", Quantile(times.first, 0.5), unrecorded,
+        Quantile(costs, 0.5), 100.0 * Quantile(costs, 0.5) / unrecorded, Quantile(costs, 0.25),
+        Quantile(costs, 0.75), kRecordRounds, loadBefore.c_str(), LoadAverage().c_str());
   }
 }
 
