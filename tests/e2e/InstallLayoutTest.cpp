@@ -31,6 +31,18 @@ TEST(InstallLayout, QorcliIsInstalledExecutableUnderThePrefix) {
   EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
 }
 
+TEST(InstallLayout, AnalyzerAndItsManualPageAreInstalledUnderThePrefix) {
+  fs::path program = Staged("/usr/bin/orvane-analyze");
+  ASSERT_TRUE(fs::is_regular_file(program)) << program;
+  EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
+  fs::path page = Staged("/usr/share/man/man1/orvane-analyze.1");
+  ASSERT_TRUE(fs::is_regular_file(page)) << page;
+  std::ifstream file(page);
+  std::stringstream content;
+  content << file.rdbuf();
+  EXPECT_NE(content.str().find(".Nm orvane-analyze"), std::string::npos);
+}
+
 TEST(InstallLayout, NativeExecutorIsInstalledExecutableAtItsFixedPath) {
   fs::path program = Staged(paths::kNativeExecutor);
   ASSERT_TRUE(fs::is_regular_file(program)) << program;
