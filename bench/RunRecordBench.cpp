@@ -42,11 +42,12 @@ struct Run {
   explicit Run(int plugins) {
     for (int index = 0; index < plugins; ++index) {
       auto plugin = std::make_unique<NoOpPlugin>("plugin" + std::to_string(index));
-      if (index >= 10) plugin->Requires(*registry.GetBarrier("level" + std::to_string(index / 10 - 1), true));
+      if (index >= 10)
+        plugin->Requires(*registry.GetBarrier("level" + std::to_string(index / 10 - 1), true));
       plugin->Provides(*registry.GetBarrier("level" + std::to_string(index / 10), true));
       list.push_back(plugin.get());
-      loaded.Append(std::move(plugin), "/usr/libexec/orvane/plugins/plugin" +
-                                           std::to_string(index) + ".json");
+      loaded.Append(std::move(plugin),
+                    "/usr/libexec/orvane/plugins/plugin" + std::to_string(index) + ".json");
     }
     barriers = registry.ListBarriers();
     state.startMonotonic = std::chrono::steady_clock::now();
@@ -78,8 +79,8 @@ struct Run {
 /// A directory for the records: $TMPDIR or /tmp, emptied afterwards.
 std::string RecordDirectory() {
   const char* base = std::getenv("TMPDIR");
-  const std::string directory =
-      std::string(base != nullptr ? base : "/tmp") + "/orvane-record-bench." + std::to_string(getpid());
+  const std::string directory = std::string(base != nullptr ? base : "/tmp") +
+                                "/orvane-record-bench." + std::to_string(getpid());
   std::filesystem::create_directories(directory);
   return directory;
 }
@@ -94,9 +95,9 @@ void BM_RecordedRun(benchmark::State& state) {
     record.End(0);
   }
   std::filesystem::remove_all(directory);
-  state.counters["per plugin"] = benchmark::Counter(
-      static_cast<double>(state.iterations() * state.range(0)),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per plugin"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_RecordedRun)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -108,9 +109,9 @@ void BM_UnrecordedRun(benchmark::State& state) {
     run.Report(record);
     record.End(0);
   }
-  state.counters["per plugin"] = benchmark::Counter(
-      static_cast<double>(state.iterations() * state.range(0)),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per plugin"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_UnrecordedRun)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -192,7 +192,8 @@ Interleaved RunInTurns(int rounds, const std::function<void()>& first,
 // The value below which @p fraction of @p values lie (nearest rank).
 double Quantile(std::vector<double> values, double fraction) {
   std::sort(values.begin(), values.end());
-  const auto rank = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
+  const auto rank =
+      static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
   return values[rank];
 }
 
@@ -217,8 +218,8 @@ void ReportRecordCost(const std::string& withoutRecord) {
       without.push_back("--parallel");
     }
     const std::string loadBefore = LoadAverage();
-    const Interleaved times =
-        RunInTurns(kRecordRounds, [&] { RunOrvane(with); }, [&] { RunOrvane(without); });
+    const Interleaved times = RunInTurns(
+        kRecordRounds, [&] { RunOrvane(with); }, [&] { RunOrvane(without); });
     std::vector<double> costs;
     for (std::size_t round = 0; round < times.first.size(); ++round) {
       costs.push_back(times.first[round] - times.second[round]);

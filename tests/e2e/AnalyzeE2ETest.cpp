@@ -39,9 +39,9 @@ constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 
 /// The plugins of the example host: its JSON files, its native plugin and
 /// its debug injections. maintenance.json needs a boot flag and stays out.
-const std::vector<std::string> kExamplePlugins = {
-    "storage", "firstboot", "firewall",         "services",
-    "example", "report",    "missing-provider", "settle-storage"};
+const std::vector<std::string> kExamplePlugins = {"storage",          "firstboot",     "firewall",
+                                                  "services",         "example",       "report",
+                                                  "missing-provider", "settle-storage"};
 
 class AnalyzeE2E : public OrvaneRunTest {
  protected:
@@ -106,8 +106,8 @@ TEST_F(AnalyzeE2E, BlameListsEveryPluginOfTheBootLongestFirst) {
   // near that.
   const std::vector<std::string> lines = Lines(text.out);
   ASSERT_GE(lines.size(), 2u);
-  EXPECT_THAT(lines[1], AllOf(HasSubstr("settle-storage"), HasSubstr("debug"),
-                              HasSubstr("activated")));
+  EXPECT_THAT(lines[1],
+              AllOf(HasSubstr("settle-storage"), HasSubstr("debug"), HasSubstr("activated")));
 
   const json::value report = AnalyzeJson({"blame"});
   const json::array& plugins = report.at("plugins").as_array();
@@ -145,9 +145,10 @@ TEST_F(AnalyzeE2E, CriticalChainRunsBackFromTheReportThroughTheSlowStorage) {
 
 TEST_F(AnalyzeE2E, PlotIsAnSvgThatARealRendererDraws) {
   BootExampleHost();
-  const RunResult result = sandbox_->Run(
-      {"/bin/sh", "-c", std::string(kAnalyze) + " plot > /tmp/boot.svg && rsvg-convert -o "
-                                                "/tmp/boot.png /tmp/boot.svg"});
+  const RunResult result =
+      sandbox_->Run({"/bin/sh", "-c",
+                     std::string(kAnalyze) + " plot > /tmp/boot.svg && rsvg-convert -o "
+                                             "/tmp/boot.png /tmp/boot.svg"});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
   const std::string svg = sandbox_->ReadFile("/tmp/boot.svg");
   EXPECT_THAT(svg, StartsWith("<?xml"));

@@ -262,7 +262,7 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
   for (const LoadedPlugins::LoadEntry& entry : plugins.LoadLog()) {
     if (entry.refused) {
       Append("{\"type\":\"refused\",\"file\":" + Quoted(entry.source) +
-            ",\"name\":" + Quoted(entry.name) + ",\"reason\":" + Quoted(entry.reason) + "}");
+             ",\"name\":" + Quoted(entry.name) + ",\"reason\":" + Quoted(entry.reason) + "}");
       continue;
     }
     const Plugin& plugin = *entry.plugin;
@@ -275,18 +275,18 @@ void RunRecord::WriteGraph(const LoadedPlugins& plugins, const std::deque<Node*>
     // Only a run-once plugin whose key was found is done before the pass.
     const bool alreadyRun = plugin.State() == NodeState::Started;
     Append("{\"type\":\"plugin\",\"id\":" + std::to_string(IdOf(plugin)) +
-          ",\"name\":" + Quoted(plugin.Name()) + ",\"kind\":" + Quoted(KindName(plugin)) +
-          ",\"file\":" + Quoted(source) + ",\"requires\":" + ids(plugin.Predecessors()) +
-          ",\"provides\":" + ids(plugin.Successors()) +
-          ",\"apiVersion\":" + std::to_string(plugin.GetApiVersion()) +
-          ",\"runOnceKey\":" + runOnceKey + ",\"alreadyRun\":" + Boolean(alreadyRun) + "}");
+           ",\"name\":" + Quoted(plugin.Name()) + ",\"kind\":" + Quoted(KindName(plugin)) +
+           ",\"file\":" + Quoted(source) + ",\"requires\":" + ids(plugin.Predecessors()) +
+           ",\"provides\":" + ids(plugin.Successors()) +
+           ",\"apiVersion\":" + std::to_string(plugin.GetApiVersion()) +
+           ",\"runOnceKey\":" + runOnceKey + ",\"alreadyRun\":" + Boolean(alreadyRun) + "}");
   }
   for (const Node* barrier : barriers) {
     const bool priority = dynamic_cast<const PriorityBarrier*>(barrier) != nullptr;
     Append("{\"type\":\"barrier\",\"id\":" + std::to_string(IdOf(*barrier)) + ",\"name\":" +
-          Quoted(barrier->Name()) + ",\"kind\":" + Quoted(priority ? "priority" : "init") +
-          ",\"requires\":" + ids(barrier->Predecessors()) +
-          ",\"provides\":" + ids(barrier->Successors()) + "}");
+           Quoted(barrier->Name()) + ",\"kind\":" + Quoted(priority ? "priority" : "init") +
+           ",\"requires\":" + ids(barrier->Predecessors()) +
+           ",\"provides\":" + ids(barrier->Successors()) + "}");
   }
 }
 
@@ -313,9 +313,7 @@ void RunRecord::VertexDone(const Node& node) {
 
 // Written before the plugin runs: a plugin that never returns is in the
 // record as started.
-void RunRecord::ActivationStarted(const Node& plugin) {
-  WriteEvent("start", plugin, {}, true);
-}
+void RunRecord::ActivationStarted(const Node& plugin) { WriteEvent("start", plugin, {}, true); }
 
 void RunRecord::ActivationFinished(const Node& plugin, Outcome outcome, const std::string& reason) {
   switch (outcome) {
@@ -349,8 +347,7 @@ void RunRecord::WriteEvent(const char* type, const Node& node, const std::string
   {
     std::lock_guard<std::mutex> lock(mutex_);
     Append(std::string("{\"type\":\"") + type + "\",\"t\":" + std::to_string(Now()) +
-           ",\"worker\":" + std::to_string(worker) + ",\"id\":" + std::to_string(id) + rest +
-           "}");
+           ",\"worker\":" + std::to_string(worker) + ",\"id\":" + std::to_string(id) + rest + "}");
   }
   if (flush || !writerRuns_.load(std::memory_order_relaxed)) Flush();
 }
@@ -382,8 +379,8 @@ void RunRecord::WriteBatch(const std::string& batch) {
       const int error = count < 0 ? errno : ENOSPC;
       // What a full disk let through is cut back to its whole lines: the
       // record stays a run of whole lines.
-      const std::size_t lastLineEnd = written == 0 ? std::string::npos
-                                                   : batch.rfind('\n', written - 1);
+      const std::size_t lastLineEnd =
+          written == 0 ? std::string::npos : batch.rfind('\n', written - 1);
       const std::size_t whole = lastLineEnd == std::string::npos ? 0 : lastLineEnd + 1;
       if (written != whole && ftruncate(descriptor, static_cast<off_t>(size_ + whole)) != 0) {
         Log_Level(LOG_LEVEL_WARNING, "unable to cut the run record %s back to whole lines: %s\n",

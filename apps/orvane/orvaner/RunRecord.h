@@ -93,7 +93,7 @@ class RunRecord : public PassObserver {
   /// Stops that thread, if it runs, and writes what is left.
   void StopWriter();
 
-  std::mutex mutex_;  ///< guards pending_ and stopping_; lines are added in time order
+  std::mutex mutex_;     ///< guards pending_ and stopping_; lines are added in time order
   std::string pending_;  ///< whole lines not yet written
   bool stopping_ = false;
   std::condition_variable wake_;  ///< tells the writer to stop
