@@ -17,3 +17,10 @@ endforeach()
 
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/orvane.tmpfiles.conf
         DESTINATION /usr/lib/tmpfiles.d RENAME orvane.conf)
+
+# The manual pages, each in its section's directory (orvane-analyze's page
+# installs with its program).
+foreach(page orvane.8 qorcli.8 orvane-plugins.5 orvane-cli-definitions.5)
+  string(REGEX MATCH "[0-9]$" section ${page})
+  install(FILES ${PROJECT_SOURCE_DIR}/doc/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()

@@ -43,6 +43,14 @@ TEST(InstallLayout, AnalyzerAndItsManualPageAreInstalledUnderThePrefix) {
   EXPECT_NE(content.str().find(".Nm orvane-analyze"), std::string::npos);
 }
 
+TEST(InstallLayout, ManualPagesAreInstalledInTheirSections) {
+  for (const char* page : {"man8/orvane.8", "man8/qorcli.8", "man5/orvane-plugins.5",
+                           "man5/orvane-cli-definitions.5", "man1/orvane-analyze.1"}) {
+    const fs::path staged = Staged(fs::path("/usr/share/man") / page);
+    EXPECT_TRUE(fs::is_regular_file(staged)) << staged;
+  }
+}
+
 TEST(InstallLayout, NativeExecutorIsInstalledExecutableAtItsFixedPath) {
   fs::path program = Staged(paths::kNativeExecutor);
   ASSERT_TRUE(fs::is_regular_file(program)) << program;
