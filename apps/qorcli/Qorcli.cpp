@@ -59,14 +59,8 @@ int Run(const std::vector<std::string>& words, const std::vector<std::string>& d
     return 1;
   }
 
-  auto input = CppTools::AutoCli::CommandInput::New();
   auto output = CppTools::AutoCli::CommandOutput::New();
-  input->SetDispatcher(kDispatcherName);
-  input->SetCommandPath(parser.GetCommandPath());
-  for (const auto& [name, value] : parser.GetCommandParameters()) {
-    input->AddParameter(name, value);
-  }
-  dispatcher.ExecuteCommand(input, output);
+  dispatcher.ExecuteCommand(parser.MakeCommandInput(kDispatcherName), output);
   for (const std::string& error : output->GetErrors()) {
     err << kErrorPrefix << error << '\n';
   }

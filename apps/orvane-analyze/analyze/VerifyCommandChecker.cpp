@@ -9,6 +9,7 @@
 #include "CppTools/AutoCli/Dispatcher.h"
 #include "CppTools/AutoCli/OptionParser.h"
 #include "orvane/FixedPaths.h"
+#include "orvaner/QorcliExecutor.h"
 
 namespace orvane::analyze {
 namespace {
@@ -17,8 +18,6 @@ namespace {
 constexpr const char* kOperationsKey = "operations";
 constexpr const char* kStartKey = "start";
 constexpr const char* kHostProfileKey = "apply_host_profile";
-// The name the executor gives its calls.
-constexpr const char* kDispatcherName = "orvane";
 
 }  // namespace
 
@@ -93,14 +92,8 @@ std::vector<std::string> VerifyCommandChecker::Errors(const std::string& command
   if (!parser.GetParseErrors().empty()) {
     return parser.GetParseErrors();
   }
-  auto input = CppTools::AutoCli::CommandInput::New();
   auto output = CppTools::AutoCli::CommandOutput::New();
-  input->SetDispatcher(kDispatcherName);
-  input->SetCommandPath(parser.GetCommandPath());
-  for (const auto& [name, value] : parser.GetCommandParameters()) {
-    input->AddParameter(name, value);
-  }
-  dispatcher_->ExecuteCommand(input, output);
+  dispatcher_->ExecuteCommand(parser.MakeCommandInput(kExecutorDispatcherName), output);
   return output->GetErrors();
 }
 

@@ -140,26 +140,26 @@ boost::json::object FindingObject(const VerifyFinding& finding) {
   return object;
 }
 
+VerifyFinding Finding(VerifySeverity severity, VerifyKind kind, std::string file,
+                      std::string text) {
+  VerifyFinding finding;
+  finding.severity = severity;
+  finding.kind = kind;
+  finding.file = std::move(file);
+  finding.text = std::move(text);
+  return finding;
+}
+
 }  // namespace
 
 void VerifyReport::Add(VerifyFinding finding) { findings_.push_back(std::move(finding)); }
 
 void VerifyReport::AddFailure(VerifyKind kind, std::string file, std::string text) {
-  VerifyFinding finding;
-  finding.severity = VerifySeverity::Failure;
-  finding.kind = kind;
-  finding.file = std::move(file);
-  finding.text = std::move(text);
-  Add(std::move(finding));
+  Add(Finding(VerifySeverity::Failure, kind, std::move(file), std::move(text)));
 }
 
 void VerifyReport::AddNote(VerifyKind kind, std::string file, std::string text) {
-  VerifyFinding finding;
-  finding.severity = VerifySeverity::Note;
-  finding.kind = kind;
-  finding.file = std::move(file);
-  finding.text = std::move(text);
-  Add(std::move(finding));
+  Add(Finding(VerifySeverity::Note, kind, std::move(file), std::move(text)));
 }
 
 bool VerifyReport::HasFailures() const {

@@ -49,7 +49,6 @@ constexpr std::size_t kStopRequestLength = sizeof kStopRequest - 1;
 // The socket file is created with mode 0600: the executor runs commands as
 // its own (root) user, so no other user may connect.
 constexpr mode_t kControlSocketUmask = 0177;
-constexpr const char* kDispatcherName = "orvane";
 constexpr int kConnectionCallbackFlags = POLL_FLAG_PERIODIC | POLL_FLAG_READ | POLL_FLAG_SOCKET;
 // Exit status of an executor child that failed before or while detaching;
 // the parent reads any non-zero status as a failed start.
@@ -183,17 +182,8 @@ CommandStatus ExecuteCommandLine(const std::string& commandLine,
       throw Exception("Executor failed to parse command " + commandLine);
     }
 
-    auto input = CppTools::AutoCli::CommandInput::New();
     auto output = CppTools::AutoCli::CommandOutput::New();
-    const std::vector<std::pair<std::string, std::string>> parameters =
-        parser.GetCommandParameters();
-    const std::vector<std::string> commandPath = parser.GetCommandPath();
-    input->SetDispatcher(kDispatcherName);
-    input->SetCommandPath(commandPath);
-    for (const auto& [name, value] : parameters) {
-      input->AddParameter(name, value);
-    }
-    dispatcher.ExecuteCommand(input, output);
+    dispatcher.ExecuteCommand(parser.MakeCommandInput(kExecutorDispatcherName), output);
 
     if (output->HasError()) {
       for (const std::string& error : output->GetErrors()) {

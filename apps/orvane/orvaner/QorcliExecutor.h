@@ -31,6 +31,9 @@ class Dispatcher;
 
 namespace orvane {
 
+/// The dispatcher name the executor gives the commands it runs.
+inline constexpr const char* kExecutorDispatcherName = "orvane";
+
 /// The process-wide handle on the executor process. The client calls
 /// (Reset, RunCommand, Stop, Connect) run in the orchestrator; the others
 /// run in the executor process that Reset forks.

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/json/serialize.hpp>
+#include <boost/json/string_view.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -47,30 +49,10 @@ constexpr int kMaxSameSecondRuns = 100;
 
 // ---- JSON text
 
-/// Appends @p text as a JSON string: quotes, backslashes and control
-/// characters escaped, every other byte as it is.
-void AppendString(std::string& line, std::string_view text) {
-  line += '"';
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (character == '"' || character == '\\') {
-      line += '\\';
-      line += character;
-    } else if (byte < 0x20) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-      line += escaped;
-    } else {
-      line += character;
-    }
-  }
-  line += '"';
-}
-
+/// @p text as a JSON string: quotes, backslashes and control characters
+/// escaped, every other byte as it is.
 std::string Quoted(std::string_view text) {
-  std::string quoted;
-  AppendString(quoted, text);
-  return quoted;
+  return boost::json::serialize(boost::json::string_view(text.data(), text.size()));
 }
 
 template <typename Items, typename AppendItem>
@@ -84,8 +66,7 @@ std::string List(const Items& items, AppendItem appendItem) {
 }
 
 std::string StringList(const auto& strings) {
-  return List(strings,
-              [](std::string& list, const std::string& text) { AppendString(list, text); });
+  return List(strings, [](std::string& list, const std::string& text) { list += Quoted(text); });
 }
 
 const char* Boolean(bool value) { return value ? "true" : "false"; }

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <ostream>
 
+#include "CppTools/AutoCli/CommandInput.h"
 #include "CppTools/AutoCli/Dispatcher.h"
 
 namespace CppTools::AutoCli {
@@ -73,6 +74,17 @@ const std::vector<std::string>& OptionParser::GetCommandPath() const { return co
 
 const std::vector<std::pair<std::string, std::string>>& OptionParser::GetCommandParameters() const {
   return parameters_;
+}
+
+std::shared_ptr<CommandInput> OptionParser::MakeCommandInput(
+    const std::string& dispatcherName) const {
+  auto input = CommandInput::New();
+  input->SetDispatcher(dispatcherName);
+  input->SetCommandPath(commandPath_);
+  for (const auto& [name, value] : parameters_) {
+    input->AddParameter(name, value);
+  }
+  return input;
 }
 
 void OptionParser::Reset() {

@@ -25,12 +25,14 @@
 #pragma once
 
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace CppTools::AutoCli {
 
+class CommandInput;
 class Dispatcher;
 
 class OptionParser {
@@ -60,6 +62,9 @@ class OptionParser {
   /// given without their "--" ("enabled"); short names keep a single
   /// leading "-" ("-e") so the dispatcher can resolve them.
   const std::vector<std::pair<std::string, std::string>>& GetCommandParameters() const;
+  /// The last line as a command for the dispatcher named @p dispatcherName:
+  /// its path and its parameters in order.
+  std::shared_ptr<CommandInput> MakeCommandInput(const std::string& dispatcherName) const;
 
  private:
   void Reset();
