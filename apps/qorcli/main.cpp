@@ -1,5 +1,6 @@
 // qorcli: runs a host CLI command defined in the host's command definition
-// directories, as the executor runs it for JSON plugins at boot.
+// directories, as the executor runs it for JSON plugins at boot. Its bash
+// completion calls it with the hidden first argument --complete (Qorcli.h).
 #include <exception>
 #include <iostream>
 #include <string>

@@ -338,6 +338,20 @@ bool Dispatcher::IsKnownPath(const std::vector<std::string>& path) const {
   return path.empty() || (first != commands_.end() && StartsWith(first->first, path));
 }
 
+std::vector<std::string> Dispatcher::GetNextWords(const std::vector<std::string>& path) const {
+  // The paths below `path` form one range of the ordered map, in which the
+  // paths through one next word lie together.
+  std::vector<std::string> words;
+  for (auto entry = commands_.upper_bound(path);
+       entry != commands_.end() && StartsWith(entry->first, path); ++entry) {
+    const std::string& word = entry->first[path.size()];
+    if (words.empty() || words.back() != word) {
+      words.push_back(word);
+    }
+  }
+  return words;
+}
+
 void Dispatcher::WriteHelp(const std::vector<std::string>& path, std::ostream& stream) const {
   const CommandDefinition* command = FindCommand(path);
   if (!IsKnownPath(path)) {

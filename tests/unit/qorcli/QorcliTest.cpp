@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "TemporaryDirectory.h"
 #include "Qorcli.h"
+#include "TemporaryDirectory.h"
 
 namespace {
 
@@ -116,6 +116,115 @@ TEST_F(QorcliTest, ADirectoryThatExistsButCannotBeReadIsReported) {
   EXPECT_EQ(outcome.status, 1);
   EXPECT_THAT(outcome.err, StartsWith("qorcli: cannot read command definition directory '" +
                                       (directory_ / "missing") + "': Not a directory\n"));
+}
+
+// --- Completion -----------------------------------------------------------
+
+/// The definitions of QorcliTest, and in ext/ a later file that redefines
+/// "network firewall set" with a second parameter, makes "network" a command
+/// as well as a namespace and adds "network status".
+class QorcliCompleteTest : public QorcliTest {
+ protected:
+  void SetUp() override {
+    QorcliTest::SetUp();
+    directory_.Write("ext/more.json", R"({"commands": [
+      {"path": ["network", "firewall", "set"],
+       "parameters": [{"name": "enabled", "short": "e", "type": "bool", "required": true},
+                      {"name": "zone", "short": "z"}],
+       "exec": ["/bin/true"]},
+      {"path": ["network", "status"], "parameters": [{"name": "count", "type": "int"}],
+       "exec": ["/bin/true"]},
+      {"path": ["network"], "parameters": [{"name": "verbose", "type": "bool"}],
+       "exec": ["/bin/true"]}
+    ]})");
+  }
+
+  /// What `qorcli --complete WORD...` prints; it must exit 0 and say
+  /// nothing on standard error.
+  std::string Complete(std::vector<std::string> words) {
+    words.insert(words.begin(), qorcli::kCompleteOption);
+    Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    return outcome.out;
+  }
+};
+
+TEST_F(QorcliCompleteTest, NoWordsOffersTheTopNamespacesAndCommands) {
+  EXPECT_EQ(Complete({}), "fail\nnetwork\n");
+}
+
+TEST_F(QorcliCompleteTest, ANamespaceOffersWhatIsDirectlyBelowIt) {
+  // "network" is also a command: its parameter follows the words below it.
+  EXPECT_EQ(Complete({"network"}), "firewall\nstatus\n--verbose\n");
+  EXPECT_EQ(Complete({"network", "firewall"}), "set\n");
+}
+
+TEST_F(QorcliCompleteTest, ACommandOffersItsParametersAsTheLaterDirectoryDefinesThem) {
+  EXPECT_EQ(Complete({"network", "firewall", "set"}), "--enabled\n--zone\n");
+  EXPECT_EQ(Complete({"fail"}), "");
+}
+
+TEST_F(QorcliCompleteTest, ParametersGivenByEitherNameAreNotOfferedAgain) {
+  EXPECT_EQ(Complete({"network", "firewall", "set", "-e", "yes"}), "--zone\n");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--enabled=no"}), "--zone\n");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--zone", "dmz"}), "--enabled\n");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "-z", "dmz", "--enabled", "1"}), "");
+  // An unknown parameter changes nothing.
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--colour=red"}), "--enabled\n--zone\n");
+}
+
+TEST_F(QorcliCompleteTest, ABoolOptionWaitingForItsValueOffersTheValuesThenTheOtherParameters) {
+  const std::string afterEnabled = "true\nfalse\n1\n0\nyes\nno\n--zone\n";
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--enabled"}), afterEnabled);
+  EXPECT_EQ(Complete({"network", "firewall", "set", "-e"}), afterEnabled);
+  EXPECT_EQ(Complete({"network", "--verbose"}), "true\nfalse\n1\n0\nyes\nno\n");
+}
+
+TEST_F(QorcliCompleteTest, AStringOrNumberOptionWaitingForItsValueOffersNothing) {
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--zone"}), "");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "-z"}), "");
+  EXPECT_EQ(Complete({"network", "status", "--count"}), "");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--colour"}), "");
+  // A negative number is a value, not an option waiting for one.
+  EXPECT_EQ(Complete({"network", "status", "--count", "-3"}), "");
+  EXPECT_EQ(Complete({"network", "status", "-3"}), "--count\n");
+}
+
+TEST_F(QorcliCompleteTest, OnceAnOptionIsGivenThePathTakesNoMoreWords) {
+  EXPECT_EQ(Complete({"network", "--verbose", "yes"}), "");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "--zone=dmz"}), "--enabled\n");
+}
+
+TEST_F(QorcliCompleteTest, AnUnknownPathOrAHelpRequestOffersNothing) {
+  EXPECT_EQ(Complete({"storage"}), "");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "extra"}), "");
+  EXPECT_EQ(Complete({"net"}), "");  // words are whole, not prefixes
+  EXPECT_EQ(Complete({""}), "");
+  EXPECT_EQ(Complete({"network", "--help"}), "");
+  EXPECT_EQ(Complete({"network", "firewall", "set", "-h"}), "");
+  EXPECT_EQ(Complete({"--zone"}), "");
+}
+
+TEST_F(QorcliCompleteTest, BrokenDefinitionsAreNotReportedAndTheOthersStillCount) {
+  directory_.Write("ext/broken.json", "{");
+  directory_.Write("missing", "a file, not a directory");
+  EXPECT_EQ(Complete({}), "fail\nnetwork\n");
+}
+
+TEST_F(QorcliCompleteTest, NoDefinitionsAtAllOfferNothing) {
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_EQ(qorcli::Run({qorcli::kCompleteOption}, {directory_ / "none"}, out, err), 0);
+  EXPECT_EQ(out.str(), "");
+  EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(QorcliCompleteTest, TheCompleteOptionCountsOnlyAsTheFirstWord) {
+  Outcome outcome = Run({"network", qorcli::kCompleteOption});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "qorcli: unknown parameter '--complete' for command 'network'\n");
 }
 
 }  // namespace

@@ -651,11 +651,23 @@ TEST_F(DispatcherHelpTest, AnUnknownPathSaysSo) {
   EXPECT_EQ(Help({"network", "bogus"}), "unknown command or namespace 'network bogus'\n");
 }
 
+TEST_F(DispatcherHelpTest, NextWordsAreTheNamespacesAndCommandsDirectlyBelowAPath) {
+  EXPECT_THAT(dispatcher_.GetNextWords({}), ElementsAre("network", "reboot"));
+  // "network" is a command as well; its own path is not a next word.
+  EXPECT_THAT(dispatcher_.GetNextWords({"network"}), ElementsAre("firewall", "status"));
+  // "rules" and "set" each once, though "rules" has a command below it.
+  EXPECT_THAT(dispatcher_.GetNextWords({"network", "firewall"}), ElementsAre("rules", "set"));
+  EXPECT_THAT(dispatcher_.GetNextWords({"network", "firewall", "set"}), IsEmpty());
+  EXPECT_THAT(dispatcher_.GetNextWords({"network", "bogus"}), IsEmpty());
+  EXPECT_THAT(dispatcher_.GetNextWords({"net"}), IsEmpty());  // whole words, not prefixes
+}
+
 TEST(DispatcherHelp, NoDefinitionsAtAllSaysSo) {
   Dispatcher empty;
   std::ostringstream stream;
   empty.WriteHelp({}, stream);
   EXPECT_EQ(stream.str(), "no commands are defined\n");
+  EXPECT_THAT(empty.GetNextWords({}), IsEmpty());
 }
 
 }  // namespace

@@ -109,6 +109,11 @@ class Dispatcher {
   /// path begins with). The empty path, the top, is always known.
   bool IsKnownPath(const std::vector<std::string>& path) const;
 
+  /// The words that can follow @p path in a command's path: the names of
+  /// the namespaces and commands directly below it, each once, in byte-wise
+  /// order. Empty for a path that names nothing or only a command.
+  std::vector<std::string> GetNextWords(const std::vector<std::string>& path) const;
+
   /// Writes the help for @p path: the command's usage and parameters when it
   /// names a command, then the namespaces and commands below it (with their
   /// parameters) when it is a namespace. An empty path lists the top.
