@@ -51,6 +51,18 @@ TEST(InstallLayout, ManualPagesAreInstalledInTheirSections) {
   }
 }
 
+TEST(InstallLayout, BashCompletionIsInstalledWhereBashCompletionLoadsIt) {
+  for (const char* program : {"orvane", "qorcli", "orvane-analyze"}) {
+    const fs::path staged = Staged(fs::path("/usr/share/bash-completion/completions") / program);
+    ASSERT_TRUE(fs::is_regular_file(staged)) << staged;
+    std::ifstream file(staged);
+    std::stringstream content;
+    content << file.rdbuf();
+    EXPECT_NE(content.str().find(std::string("complete -F ")), std::string::npos) << staged;
+    EXPECT_NE(content.str().find(std::string(" ") + program + "\n"), std::string::npos) << staged;
+  }
+}
+
 TEST(InstallLayout, NativeExecutorIsInstalledExecutableAtItsFixedPath) {
   fs::path program = Staged(paths::kNativeExecutor);
   ASSERT_TRUE(fs::is_regular_file(program)) << program;
