@@ -106,11 +106,11 @@ split_line()
 # to standard error).
 complete_line()
 {
-    local line=$1 specification function
+    local line=$1 compspec function
     split_line "$line"
-    specification=$(complete -p -- "${COMP_WORDS[0]}" 2>/dev/null)
+    compspec=$(complete -p -- "${COMP_WORDS[0]}" 2>/dev/null)
     function=
-    [[ $specification =~ -F\ ([^ ]+) ]] && function=${BASH_REMATCH[1]}
+    [[ $compspec =~ -F\ ([^ ]+) ]] && function=${BASH_REMATCH[1]}
     COMPREPLY=()
     compopt_options=
     if [[ ! $function ]]; then
