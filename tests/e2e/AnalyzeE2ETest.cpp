@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "PngImage.h"
@@ -31,11 +32,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAreArray;
-
-constexpr const char* kAnalyze = "/usr/bin/orvane-analyze";
-constexpr const char* kLastRecord = "/var/log/orvane/last.jsonl";
-constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
 
 /// The plugins of the example host: its JSON files, its native plugin and
 /// its debug injections. maintenance.json needs a boot flag and stays out.
@@ -56,7 +52,7 @@ class AnalyzeE2E : public OrvaneRunTest {
       sandbox_->CopyIn(entry.path(), "/" / entry.path().lexically_relative(host),
                        status.st_mode & 07777);
     }
-    sandbox_->CopyIn(ORVANE_EXAMPLE_NATIVE, std::string(kPluginDirectory) + "libexample.so");
+    sandbox_->CopyIn(ORVANE_EXAMPLE_NATIVE, PluginFile("libexample.so"));
   }
 
   /// Boots the sandbox as the main job does.
@@ -225,7 +221,7 @@ TEST_F(AnalyzeE2E, CompareAggregateAndStatusOfTwoBoots) {
 
 TEST_F(AnalyzeE2E, StatusOfABootHeldByASleepingPluginNamesWhatHoldsWhat) {
   // sleeper provides "slept", which "after" waits for.
-  sandbox_->WriteFile("/etc/talvek/orvane/debug.conf",
+  sandbox_->WriteFile(kDebugConfiguration,
                       "sleeper::slept:sleep 30\n"
                       "after:slept::true\n");
   // The boot runs in the background; once the sleeper has started, the
@@ -258,7 +254,7 @@ TEST_F(AnalyzeE2E, StatusOfABootHeldByASleepingPluginNamesWhatHoldsWhat) {
 
 TEST_F(AnalyzeE2E, VerifyReportsEveryReasonATreeWouldFailOrHang) {
   const std::string root = "/tmp/tree";
-  const std::string plugins = root + kPluginDirectory;
+  const std::string plugins = root + kPluginDirectory + "/";
   const auto description = [](const std::string& required, const std::string& provided,
                               const std::string& start) {
     return R"({"metadata": {"version": 1, "requires": )" + required + R"(, "provides": )" +

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -32,11 +33,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kExecutorLog = "/var/log/orvane-qorcli-stdout.log";
-constexpr const char* kProfilingLog = "/var/log/sysboot.log";
-constexpr const char* kRunOnceRecord = "/bootbank/orvstate.gz";
 constexpr const char* kProbe = "/usr/local/bin/executorprobe";
 
 /// A boot of a few plugins ends within a second; a hang hits this limit.
@@ -63,7 +59,7 @@ class BadInputE2E : public OrvaneRunTest {
   }
 
   void WritePlugin(const std::string& fileName, const std::string& content) {
-    sandbox_->WriteFile(kPluginDirectory + fileName, content);
+    sandbox_->WriteFile(PluginFile(fileName), content);
   }
 
   /// A FIFO at @p inSandbox, which nobody ever writes to.
@@ -86,7 +82,7 @@ class BadInputE2E : public OrvaneRunTest {
   /// alert and a syslog warning.
   void ExpectLoadFailure(const std::string& fileName, const std::string& reason) {
     const std::string text = "exception occurred whilst loading plugin " + fileName + ": plugin `" +
-                             kPluginDirectory + fileName + "' is invalid: " + reason;
+                             PluginFile(fileName) + "' is invalid: " + reason;
     EXPECT_THAT(KernelLog(), Contains("<1>orvane: " + text));
     EXPECT_TRUE(SyslogHas(LOG_WARNING, text)) << text;
   }
@@ -121,7 +117,7 @@ TEST_F(BadInputE2E, StartCommandBeginningWithNulIsAnEmptyLineAndHoldsNothingUp) 
 }
 
 TEST_F(BadInputE2E, FifoNamedLikeANativePluginIsRefusedAndTheBootGoesOn) {
-  MakeFifo(kPluginDirectory + std::string("libx.so"));
+  MakeFifo(PluginFile("libx.so"));
   WritePlugin("good.json", Description({}, {}, {Record("good")}));
   Boot();
   ExpectLoadFailure("libx.so", "not a regular file (a FIFO)");
@@ -181,8 +177,8 @@ TEST_F(BadInputE2E, HostileDirectoryEntriesAreEachRefusedWithTheirReasonAndTheGo
   ExpectLoadFailure("dangling.json", "no such file or directory");
   ExpectLoadFailure("x.json", "not a regular file (a directory)");
   ExpectLoadFailure("libdir.so", "not a regular file (a directory)");
-  ExpectLoadFailure("libloop.so", std::string(kPluginDirectory) +
-                                      "libloop.so: cannot open shared object file: Too many "
+  ExpectLoadFailure("libloop.so", PluginFile("libloop.so") +
+                                      ": cannot open shared object file: Too many "
                                       "levels of symbolic links");
   ExpectLoadFailure("big.json", "description is larger than 16777216 bytes");
   ExpectLoadFailure("deep.json", "description nests deeper than 64 levels");
@@ -207,8 +203,7 @@ TEST_F(BadInputE2E, DumpToAStandardOutputOnAFullDeviceEndsWithStatusOne) {
   RunSettings settings;
   settings.timeout = kShortLimit;
   const RunResult result = sandbox_->Run(
-      {"/bin/sh", "-c", std::string(kOrvaneProgram) + " --dump-dependency-tree > /dev/full"},
-      settings);
+      {"/bin/sh", "-c", std::string(kOrvane) + " --dump-dependency-tree > /dev/full"}, settings);
   EXPECT_EQ(result.exitStatus, 1) << result.err;
   EXPECT_TRUE(SyslogHas(LOG_ERR,
                         "unable to write the dependency tree to standard output: No space left "
@@ -233,7 +228,7 @@ TEST_F(BadInputE2E, ThousandPluginsOfEveryKindOfWhichTwoThirdsFailOrCrashAllAreA
   std::set<std::string> runOnceKeys;
   std::string injections;
   auto copyNative = [&](const char* object, const std::string& name, Expected expected) {
-    sandbox_->CopyIn(object, kPluginDirectory + ("lib" + name + ".so"), 0644);
+    sandbox_->CopyIn(object, PluginFile("lib" + name + ".so"), 0644);
     plugins[name] = std::move(expected);
   };
   for (int index = 0; index < 1000; ++index) {

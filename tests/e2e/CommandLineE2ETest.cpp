@@ -6,6 +6,7 @@
 #include <regex>
 #include <string>
 
+#include "HostPaths.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
 
@@ -13,8 +14,6 @@ namespace orvane::testing {
 namespace {
 
 using ::testing::IsEmpty;
-
-constexpr const char* kOrvane = "/usr/bin/orvane";
 
 /// One line of orvane's standard-output log: UTC time to the millisecond,
 /// the identifier, the message.
@@ -146,7 +145,7 @@ TEST(CommandLineE2E, AcceptedOptionsEndWithZero) {
            {kOrvane, "--invoke", "--method=start", "--plugin=foo.debug", "--randomize=abc"},
        }) {
     // The executor leaves its socket file behind; a second one needs it gone.
-    sandbox.Remove("/var/run/talvek/orvaneExecutor.sock");
+    sandbox.Remove(kExecutorSocket);
     RunResult result = sandbox.Run(argv);
     const bool init = argv.size() > 1 && argv[1] == "--init";
     const std::string expectedLines = launchLines + (init ? noSyslogDaemonLine : "") + stopLine;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -24,7 +25,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kServiceTool = "/bin/chkconfig";
 constexpr const char* kInitd = "/etc/init.d/";
 
 /// The body of an init.d script that records "<action> <name>".
@@ -258,7 +258,7 @@ TEST_F(DaemonModeE2E, DaemonModeRunsNoExecutorAndWritesNoRunOnceRecord) {
   EXPECT_EQ(Orvane({"--daemon", "--method=start"}).exitStatus, 0);
   EXPECT_THAT(Recorded(), ElementsAre("start C"));  // orvane's environment
   EXPECT_THAT(messages_, Not(Contains("Launching Executor")));
-  EXPECT_FALSE(sandbox_->Exists("/var/run/talvek/orvaneExecutor.sock"));
+  EXPECT_FALSE(sandbox_->Exists(kExecutorSocket));
   EXPECT_FALSE(sandbox_->Exists("/bootbank/orvstate.gz"));
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -26,11 +27,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
-
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kStatelessMarker = "/stateless.tgz";
-constexpr const char* kRecord = "/tmp/record";
-constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
 
 /// Two injections that each leave a marker and wait up to 3 seconds for the
 /// other's: they meet only when they run at the same time.

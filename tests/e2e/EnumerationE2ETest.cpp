@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -24,10 +25,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
-
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kRecord = "/tmp/record";
 
 /// What a version-3 description declares besides its start command.
 struct Declared {
@@ -69,7 +66,7 @@ class EnumerationE2E : public OrvaneRunTest {
   }
 
   void WritePlugin(const std::string& fileName, const std::string& content) {
-    sandbox_->WriteFile(kPluginDirectory + fileName, content);
+    sandbox_->WriteFile(PluginFile(fileName), content);
   }
 
   /// Every kind of entry and every filter case, in one directory. With
@@ -106,12 +103,11 @@ class EnumerationE2E : public OrvaneRunTest {
     after.required = {"enum.off", "enum.flagged", "enum.done"};
     WritePlugin("after.json", Description("after", after));
     WritePlugin("broken.json", "{\"metadata\": {\"version\": 7}}\n");
-    sandbox_->CopyIn(ORVANE_TEST_PLUGIN_NATIVE_FIRST,
-                     kPluginDirectory + std::string("libnative_first.so"), 0644);
+    sandbox_->CopyIn(ORVANE_TEST_PLUGIN_NATIVE_FIRST, PluginFile("libnative_first.so"), 0644);
     WritePlugin("inj.debug", "");
     WritePlugin("README", "");
     WritePlugin("notes.txt", "");
-    sandbox_->MakeDirectory(kPluginDirectory + std::string("sub"));
+    sandbox_->MakeDirectory(PluginFile("sub"));
     sandbox_->WriteFile(kDebugConfiguration, "inj:::echo inj >> /tmp/record\n");
   }
 };

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -30,9 +31,6 @@ using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 constexpr const char* kProbe = "/usr/local/bin/executorprobe";
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kSocket = "/var/run/talvek/orvaneExecutor.sock";
-constexpr const char* kExecutorLog = "/var/log/orvane-qorcli-stdout.log";
 constexpr const char* kRecorder = "/usr/local/bin/recordargs";
 constexpr const char* kRecorded = "/tmp/recorded-args";
 constexpr const char* kDefinitions = "/usr/lib/talvek/qorcli/test.json";
@@ -123,7 +121,7 @@ TEST_F(ExecutorE2E, CommandRunsInTheExecutorWhichStopsOnRequest) {
   EXPECT_THAT(ExecutorLog(), UnorderedElementsAre("Executor Reset - polling for commands",
                                                   "Orvane executor signalled to stop"));
   // The socket file is left behind.
-  EXPECT_TRUE(sandbox_->Exists(kSocket));
+  EXPECT_TRUE(sandbox_->Exists(kExecutorSocket));
 }
 
 TEST_F(ExecutorE2E, ResetWithARunningExecutorStartsNoSecondOne) {
@@ -134,7 +132,7 @@ TEST_F(ExecutorE2E, ResetWithARunningExecutorStartsNoSecondOne) {
 
 TEST_F(ExecutorE2E, StopRequestInAnyCaseStopsTheExecutorWithoutAReply) {
   for (const char* request : {"stop", "STOP", "Stop", "Stopper", "sToP now"}) {
-    sandbox_->Remove(kSocket);  // left by the previous executor
+    sandbox_->Remove(kExecutorSocket);  // left by the previous executor
     EXPECT_THAT(Probe({"reset", "send", request, "wait-gone"}),
                 ElementsAre("reset: ok", "send: eof", StartsWith("wait-gone: gone")))
         << request;
@@ -406,7 +404,7 @@ TEST_F(ExecutorE2E, DaemonModeRunsNoExecutor) {
   RunResult result = sandbox_->Run({kOrvane, "--daemon", "--method=start"});
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_THAT(LogMessages(result.out), IsEmpty());
-  EXPECT_FALSE(sandbox_->Exists(kSocket));
+  EXPECT_FALSE(sandbox_->Exists(kExecutorSocket));
 }
 
 }  // namespace

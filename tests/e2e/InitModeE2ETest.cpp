@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -24,9 +25,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kRecord = "/tmp/record";
 
 /// Records its arguments, then leaves a process behind that writes the pid
 /// file and records every SIGUSR1; returns only once the pid file exists,

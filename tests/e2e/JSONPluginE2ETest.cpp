@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -26,11 +27,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kHostProfile = "/etc/talvek/hostprofile.xml";
-constexpr const char* kRecord = "/tmp/record";
 
 /// A version-1 description.
 std::string Description(const std::vector<std::string>& required,
@@ -53,13 +49,13 @@ class JSONPluginE2E : public OrvaneRunTest {
   }
 
   void WritePlugin(const std::string& fileName, const std::string& content) {
-    sandbox_->WriteFile(kPluginDirectory + fileName, content);
+    sandbox_->WriteFile(PluginFile(fileName), content);
   }
 
   /// The load-failure text of @p fileName with @p reason.
   static std::string LoadFailure(const std::string& fileName, const std::string& reason) {
     return "exception occurred whilst loading plugin " + fileName + ": plugin `" +
-           kPluginDirectory + fileName + "' is invalid: " + reason;
+           PluginFile(fileName) + "' is invalid: " + reason;
   }
 
   /// Expects the load failure of @p fileName with @p reason as a system
@@ -181,8 +177,7 @@ TEST_F(JSONPluginE2E, BadInputOfEveryKindIsReportedAndTheRestRuns) {
   }
   // 100 MB, sparse: refused by its size before anything is read.
   WritePlugin("huge.json", "");
-  std::filesystem::resize_file(sandbox_->HostPath(std::string(kPluginDirectory) + "huge.json"),
-                               100 * 1024 * 1024);
+  std::filesystem::resize_file(sandbox_->HostPath(PluginFile("huge.json")), 100 * 1024 * 1024);
   WritePlugin("good.json", good);
   RunResult result = Orvane({"--plugin=" + names + "huge.json,missing.json,good.json"});
   EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -28,13 +29,6 @@ using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kNativeExecutor = "/usr/lib/talvek/orvane/nativeExecutor";
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kRecord = "/tmp/record";
-
-std::string InPluginDirectory(const std::string& fileName) { return kPluginDirectory + fileName; }
-
 /// The first @p size bytes of a real plugin object.
 std::string ShortenedPlugin(std::size_t size) {
   std::ifstream stream(ORVANE_TEST_PLUGIN_NATIVE_FIRST, std::ios::binary);
@@ -47,7 +41,7 @@ class NativeE2E : public OrvaneRunTest {
  protected:
   /// Puts a built plugin object into the plugin directory as @p fileName.
   void AddPlugin(const std::string& builtObject, const std::string& fileName) {
-    sandbox_->CopyIn(builtObject, InPluginDirectory(fileName), 0644);
+    sandbox_->CopyIn(builtObject, PluginFile(fileName), 0644);
   }
 
   RunResult Helper(std::vector<std::string> arguments) {
@@ -153,10 +147,10 @@ TEST_F(NativeE2E, FilesThatAreNoUsableObjectsAreReportedAndTheBootGoesOn) {
   foreign[20] = 1;
   foreign[52] = 64;
   foreign[54] = 56;
-  sandbox_->WriteFile(InPluginDirectory("x.so"), std::string(200, 'x'));
-  sandbox_->WriteFile(InPluginDirectory("empty.so"), "");
-  sandbox_->WriteFile(InPluginDirectory("aarch64.so"), foreign);
-  sandbox_->WriteFile(InPluginDirectory("truncated.so"), ShortenedPlugin(1000));
+  sandbox_->WriteFile(PluginFile("x.so"), std::string(200, 'x'));
+  sandbox_->WriteFile(PluginFile("empty.so"), "");
+  sandbox_->WriteFile(PluginFile("aarch64.so"), foreign);
+  sandbox_->WriteFile(PluginFile("truncated.so"), ShortenedPlugin(1000));
   AddPlugin(ORVANE_TEST_PLUGIN_NATIVE_FIRST, "libnative_first.so");
   RunResult result =
       Orvane({"--plugin=x.so,empty.so,aarch64.so,truncated.so,missing.so,libnative_first.so"});
@@ -165,7 +159,7 @@ TEST_F(NativeE2E, FilesThatAreNoUsableObjectsAreReportedAndTheBootGoesOn) {
   EXPECT_THAT(Activations(), ElementsAre("Activating Orvane plugin native_first.",
                                          "Orvane plugin native_first activated."));
   auto invalid = [](const std::string& fileName, const std::string& reason) {
-    const std::string path = InPluginDirectory(fileName);
+    const std::string path = PluginFile(fileName);
     return "exception occurred whilst loading plugin " + fileName + ": plugin `" + path +
            "' is invalid: " + path + ": " + reason;
   };
@@ -197,19 +191,19 @@ TEST_F(NativeE2E, MissingSymbolsAndUnsupportedVersionsAreReported) {
   RunResult result = Orvane({"--plugin=libnone.so,libnometa.so,libapi0.so,libapi5.so"});
   EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
   EXPECT_THAT(Activations(), IsEmpty());
-  const std::string none = InPluginDirectory("libnone.so");
+  const std::string none = PluginFile("libnone.so");
   ExpectLoadFailure(
       "exception occurred whilst loading plugin libnone.so: Failed loading symbol: "
       "operations Located at: " +
       none + " Reason: " + none + ": undefined symbol: operations");
-  const std::string nometa = InPluginDirectory("libnometa.so");
+  const std::string nometa = PluginFile("libnometa.so");
   ExpectLoadFailure(
       "exception occurred whilst loading plugin libnometa.so: Failed loading "
       "symbol: metadata Located at: " +
       nometa + " Reason: " + nometa + ": undefined symbol: metadata");
   for (const std::string fileName : {"libapi0.so", "libapi5.so"}) {
     ExpectLoadFailure("exception occurred whilst loading plugin " + fileName + ": plugin `" +
-                      InPluginDirectory(fileName) + "' is invalid: Unsupported API version");
+                      PluginFile(fileName) + "' is invalid: Unsupported API version");
   }
 }
 
@@ -218,11 +212,11 @@ TEST_F(NativeE2E, MissingSymbolsAndUnsupportedVersionsAreReported) {
 TEST_F(NativeE2E, HelperExitsZeroWhenTheOperationSucceeds) {
   AddPlugin(ORVANE_TEST_PLUGIN_NATIVE_FIRST, "libnative_first.so");
   AddPlugin(ORVANE_TEST_PLUGIN_HOST_PROFILE, "libhost_profile.so");
-  RunResult start = Helper({InPluginDirectory("libnative_first.so"), "native_first", "start"});
+  RunResult start = Helper({PluginFile("libnative_first.so"), "native_first", "start"});
   EXPECT_EQ(start.exitStatus, 0);
   EXPECT_EQ(start.err, "");
   RunResult apply =
-      Helper({InPluginDirectory("libhost_profile.so"), "host_profile", "apply_host_profile"});
+      Helper({PluginFile("libhost_profile.so"), "host_profile", "apply_host_profile"});
   EXPECT_EQ(apply.exitStatus, 0);
   EXPECT_EQ(apply.err, "");
   EXPECT_THAT(Recorded(), ElementsAre("native_first start", "host_profile apply"));
@@ -230,14 +224,14 @@ TEST_F(NativeE2E, HelperExitsZeroWhenTheOperationSucceeds) {
 
 TEST_F(NativeE2E, HelperExitsOneWhenTheOperationFails) {
   AddPlugin(ORVANE_TEST_PLUGIN_FAILING, "libfailing.so");
-  RunResult result = Helper({InPluginDirectory("libfailing.so"), "failing", "start"});
+  RunResult result = Helper({PluginFile("libfailing.so"), "failing", "start"});
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_EQ(result.err, "nativeExecutor: plugin 'failing': start returned 5\n");
 }
 
 TEST_F(NativeE2E, HelperExitsTwoForUsageErrorsUnknownMethodsAndMissingOperations) {
   AddPlugin(ORVANE_TEST_PLUGIN_NATIVE_FIRST, "libnative_first.so");
-  const std::string library = InPluginDirectory("libnative_first.so");
+  const std::string library = PluginFile("libnative_first.so");
   RunResult noArguments = Helper({});
   EXPECT_EQ(noArguments.exitStatus, 2);
   EXPECT_EQ(noArguments.err,
@@ -262,18 +256,18 @@ TEST_F(NativeE2E, HelperExitsTwoForUsageErrorsUnknownMethodsAndMissingOperations
 
 TEST_F(NativeE2E, HelperExitsThreeWhenTheLibraryOrItsOperationsCannotBeLoaded) {
   AddPlugin(ORVANE_TEST_PLUGIN_NO_OPERATIONS, "libno_operations.so");
-  sandbox_->WriteFile(InPluginDirectory("x.so"), std::string(200, 'x'));
-  const std::string missing = InPluginDirectory("missing.so");
+  sandbox_->WriteFile(PluginFile("x.so"), std::string(200, 'x'));
+  const std::string missing = PluginFile("missing.so");
   RunResult notThere = Helper({missing, "missing", "start"});
   EXPECT_EQ(notThere.exitStatus, 3);
   EXPECT_EQ(notThere.err, "nativeExecutor: plugin 'missing': cannot load library: " + missing +
                               ": cannot open shared object file: No such file or directory\n");
-  const std::string text = InPluginDirectory("x.so");
+  const std::string text = PluginFile("x.so");
   RunResult notELF = Helper({text, "x", "start"});
   EXPECT_EQ(notELF.exitStatus, 3);
   EXPECT_EQ(notELF.err,
             "nativeExecutor: plugin 'x': cannot load library: " + text + ": invalid ELF header\n");
-  const std::string library = InPluginDirectory("libno_operations.so");
+  const std::string library = PluginFile("libno_operations.so");
   RunResult noOperations = Helper({library, "no_operations", "start"});
   EXPECT_EQ(noOperations.exitStatus, 3);
   EXPECT_EQ(noOperations.err, "nativeExecutor: plugin 'no_operations': cannot load operations: " +

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -26,16 +27,10 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr const char* kVersion = ORVANE_PACKAGE_VERSION;
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kRuntimeDirectory = "/run/talvek";
 /// What a boot writes outside the package's file list, which a purge removes.
-constexpr const char* kWrittenByTheBoot[] = {
-    "/var/log/orvane",
-    "/var/log/sysboot.log",
-    "/var/log/orvane-qorcli-stdout.log",
-    "/bootbank/orvstate.gz",
-    "/run/talvek/orvaneExecutor.sock",
-};
+constexpr const char* kWrittenByTheBoot[] = {kRecordDirectory, kProfilingLog, kExecutorLog,
+                                             kRunOnceRecord, kExecutorSocket};
 
 fs::path BuiltPackage(const std::string& name, const std::string& architecture) {
   return fs::path(ORVANE_PACKAGE_DIR) / (name + "_" + kVersion + "_" + architecture + ".deb");
@@ -105,10 +100,9 @@ TEST_F(PackageE2E, InstallingStartsNothingAndLaysOutTheHost) {
                            "exit 0\n");
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
   EXPECT_EQ(result.out, "") << "processes left running after the install";
-  EXPECT_FALSE(sandbox_->Exists("/var/run/talvek/orvaneExecutor.sock"));
+  EXPECT_FALSE(sandbox_->Exists(kExecutorSocket));
 
-  for (const char* program : {"/usr/bin/orvane", "/usr/bin/qorcli", "/usr/bin/orvane-analyze",
-                              "/usr/lib/talvek/orvane/nativeExecutor"}) {
+  for (const char* program : {kOrvane, kQorcli, kAnalyze, kNativeExecutor}) {
     EXPECT_TRUE(sandbox_->Exists(program)) << program;
   }
   for (const char* directory :
@@ -137,19 +131,19 @@ TEST_F(PackageE2E, InstalledProgramBootsAnInjectionAndPurgeLeavesNothingBehind) 
   RunResult install = Shell(std::string("dpkg -i ") + kRuntimePackage);
   ASSERT_EQ(install.exitStatus, 0) << install.out << install.err;
   const std::vector<std::string> installed = InstalledPaths("orvane");
-  ASSERT_THAT(installed, Contains("/usr/bin/orvane"));
+  ASSERT_THAT(installed, Contains(kOrvane));
 
-  RunResult help = sandbox_->Run({"/usr/bin/orvane", "--help"});
+  RunResult help = sandbox_->Run({kOrvane, "--help"});
   EXPECT_EQ(help.exitStatus, 0) << help.err;
   EXPECT_THAT(help.out, HasSubstr("--method"));
 
   sandbox_->WriteFile(kDebugConfiguration, "hello:::echo hello from the package >> /tmp/record\n");
-  RunResult boot = sandbox_->Run({"/usr/bin/orvane"});
+  RunResult boot = sandbox_->Run({kOrvane});
   EXPECT_EQ(boot.exitStatus, 0) << boot.out << boot.err;
-  EXPECT_EQ(sandbox_->ReadFile("/tmp/record"), "hello from the package\n");
+  EXPECT_EQ(sandbox_->ReadFile(kRecord), "hello from the package\n");
   EXPECT_THAT(sandbox_->Kmsg(), HasSubstr("Orvane plugin hello activated."));
   // The run record names the version the package was built as.
-  EXPECT_THAT(sandbox_->ReadFile("/var/log/orvane/last.jsonl"),
+  EXPECT_THAT(sandbox_->ReadFile(kLastRecord),
               HasSubstr(std::string("\"version\":\"") + kVersion + "\""));
   for (const char* path : kWrittenByTheBoot) {
     EXPECT_TRUE(sandbox_->Exists(path)) << path << " was not written by the boot";
@@ -188,7 +182,7 @@ TEST_F(PackageE2E, DevPackageBuildsAPluginThatTheInstalledOrvaneRuns) {
       "/usr/share/doc/orvane-dev/examples/example_native.c");
   ASSERT_EQ(build.exitStatus, 0) << build.out << build.err;
 
-  RunResult boot = sandbox_->Run({"/usr/bin/orvane"});
+  RunResult boot = sandbox_->Run({kOrvane});
   EXPECT_EQ(boot.exitStatus, 0) << boot.out << boot.err;
   EXPECT_THAT(sandbox_->Kmsg(), HasSubstr("Orvane plugin example activated."));
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -22,13 +23,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
 using ::testing::SizeIs;
-
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kProfilingLog = "/var/log/sysboot.log";
-constexpr const char* kStatelessMarker = "/stateless.tgz";
-constexpr const char* kServiceTool = "/bin/chkconfig";
-constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
 
 constexpr const char* kTime = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}";
 

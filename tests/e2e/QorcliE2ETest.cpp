@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
 #include "orvane/FixedPaths.h"
@@ -17,7 +18,6 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-constexpr const char* kQorcli = "/usr/bin/qorcli";
 constexpr const char* kJournal = "/var/log/qorcli-e2e.txt";
 
 /// The definition directory number @p index (0 to 3) joined with @p name.

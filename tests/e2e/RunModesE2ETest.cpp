@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -31,8 +32,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kRecord = "/tmp/record";
 constexpr const char* kGraph = "/tmp/graph.dot";
 constexpr const char* kPreviousLog = "previous run\n";
 
@@ -287,7 +286,7 @@ class RunModesE2E : public ::testing::TestWithParam<ModeCase> {
     sandbox_->WriteFile(paths::kChkconfig, kServiceTool, 0755);
     sandbox_->WriteFile("/etc/init.d/svc", kInitdScript, 0755);
     InstallRecordingCommands(*sandbox_);
-    sandbox_->WriteFile(std::string(paths::kPluginDirectory) + "/jplug.json", kJSONPlugin);
+    sandbox_->WriteFile(PluginFile("jplug.json"), kJSONPlugin);
     sandbox_->WriteFile(paths::kDebugConfiguration, kInjection);
     sandbox_->WriteFile(paths::kProfilingLog, kPreviousLog);
   }

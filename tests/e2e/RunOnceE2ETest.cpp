@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -19,11 +20,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kRunOnceRecord = "/bootbank/orvstate.gz";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kRecord = "/tmp/record";
 
 class RunOnceE2E : public ::testing::Test {
  protected:

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OrvaneRunTest.h"
 #include "OutputText.h"
 #include "Sandbox.h"
@@ -26,13 +27,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
-
-constexpr const char* kRecordDirectory = "/var/log/orvane";
-constexpr const char* kLastRecord = "/var/log/orvane/last.jsonl";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins/";
-constexpr const char* kServiceTool = "/bin/chkconfig";
-constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
 
 class RunRecordE2E : public OrvaneRunTest {
  protected:
@@ -117,8 +111,8 @@ TEST_F(RunRecordE2E, PlainBootRecordsItsGraphAndEveryStepInOrder) {
 }
 
 TEST_F(RunRecordE2E, RefusedPluginFilesAreRecordedWithTheirReasons) {
-  sandbox_->WriteFile(kPluginDirectory + std::string("broken.json"), "{\"metadata\": 1}\n");
-  sandbox_->WriteFile(kPluginDirectory + std::string("good.json"),
+  sandbox_->WriteFile(PluginFile("broken.json"), "{\"metadata\": 1}\n");
+  sandbox_->WriteFile(PluginFile("good.json"),
                       R"({"metadata": {"version": 1, "requires": [], "provides": []},
                           "operations": {"start": ["test record --text good"]}})");
   ASSERT_EQ(Boot({"--disable-plugins=good"}).exitStatus, 0);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HostPaths.h"
 #include "OutputText.h"
 #include "Sandbox.h"
 #include "SandboxGTest.h"
@@ -32,10 +33,6 @@ inline void InstallRecordingCommands(Sandbox& sandbox) {
 
 class OrvaneRunTest : public ::testing::Test {
  protected:
-  static constexpr const char* kOrvaneProgram = "/usr/bin/orvane";
-  /// Where the tests' injections and command programs append a line each.
-  static constexpr const char* kRecordFile = "/tmp/record";
-
   void SetUp() override {
     ORVANE_REQUIRE_SANDBOX();
     sandbox_ = std::make_unique<Sandbox>();
@@ -44,17 +41,17 @@ class OrvaneRunTest : public ::testing::Test {
   /// Runs orvane with @p options; expects it to end by itself and keeps the
   /// messages it logged on standard output in messages_.
   RunResult Orvane(std::vector<std::string> options, const RunSettings& settings = {}) {
-    options.insert(options.begin(), kOrvaneProgram);
+    options.insert(options.begin(), kOrvane);
     RunResult result = sandbox_->Run(options, settings);
     EXPECT_FALSE(result.timedOut);
     messages_ = LogMessages(result.out);
     return result;
   }
 
-  /// What was recorded into kRecordFile, in order.
+  /// What was recorded into kRecord, in order.
   std::vector<std::string> Recorded() {
-    return sandbox_->Exists(kRecordFile) ? Lines(sandbox_->ReadFile(kRecordFile))
-                                         : std::vector<std::string>{};
+    return sandbox_->Exists(kRecord) ? Lines(sandbox_->ReadFile(kRecord))
+                                     : std::vector<std::string>{};
   }
 
   /// The kernel-log records, the informational ones without their
