@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -203,7 +204,8 @@ bool CheckDumpWritten(std::ostream& stream, const std::string& destination) {
 // (truncated) or to standard output; false when the file cannot be opened,
 // in which case nothing is written, or when writing fails (a full disk):
 // a dump cut short must not pass for the graph.
-bool DumpDependencyTree(const PluginList& plugins, const RunState& state) {
+bool DumpDependencyTree(const PluginList& pluginList, const RunState& state) {
+  const std::deque<Node*> plugins(pluginList.begin(), pluginList.end());
   errno = 0;  // what a failed write leaves here is the cause to report
   if (!state.dumpPath) {
     WriteDependencyTree(plugins, ListBarriers(), std::cout);
