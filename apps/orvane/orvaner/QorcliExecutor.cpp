@@ -444,7 +444,7 @@ void QorcliExecutor::ServeConnection(int connection, void* clientData) {
     SendStatus(connection, kStatusFailure);
     return;
   }
-  const std::optional<CommandStatus> status = AnswerRequest(message, *QorcliDispatcher::Instance());
+  const std::optional<CommandStatus> status = AnswerRequest(message, QorcliDispatcher::Instance());
   if (status) {
     SendStatus(connection, *status);
   } else {

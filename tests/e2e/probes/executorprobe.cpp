@@ -273,9 +273,9 @@ void WaitGone() {
 }
 
 void Dispatcher() {
-  auto first = orvane::QorcliDispatcher::Instance();
-  auto second = orvane::QorcliDispatcher::Instance();
-  Report("dispatcher", first == second && first != nullptr ? "same instance" : "different");
+  orvane::QorcliDispatcher& first = orvane::QorcliDispatcher::Instance();
+  orvane::QorcliDispatcher& second = orvane::QorcliDispatcher::Instance();
+  Report("dispatcher", &first == &second ? "same instance" : "different");
 }
 
 int Usage() {
