@@ -87,7 +87,7 @@ bool AcceptCombination(const RunOptions& options, const RunState& state) {
 bool StartExecutor() {
   Log_Level(LOG_LEVEL_INFO, "Launching Executor\n");
   try {
-    QorcliExecutor::Instance()->Reset();
+    QorcliExecutor::Instance().Reset();
     return true;
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_WARNING, "Failed to start executor %s\n", error.what());
@@ -100,7 +100,7 @@ bool StartExecutor() {
 // A failure is logged and the closing steps go on.
 void StopExecutor() {
   try {
-    QorcliExecutor::Instance()->Stop();
+    QorcliExecutor::Instance().Stop();
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_ERROR, "Failed to stop Executor: %s\n", error.what());
   } catch (...) {
