@@ -70,7 +70,7 @@ class Node {
   virtual void ExecuteReverse(Executor& executor);
   /// Attribute text appended to the vertex's label in the Graphviz dump.
   virtual std::string DotAttributes() = 0;
-  /// Whether the kind has a reverse action of its own; RunStop does not call
+  /// Whether the kind has a reverse action of its own; RunAction does not call
   /// the default one at all.
   virtual bool HasReverseAction() const { return false; }
 
