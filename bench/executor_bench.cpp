@@ -80,11 +80,11 @@ void SpawnTrue() {
   waitpid(child, &status, 0);
 }
 
-void RunTrue() { orvane::QorcliExecutor::Instance()->RunCommand(kTrueCommand); }
+void RunTrue() { orvane::QorcliExecutor::Instance().RunCommand(kTrueCommand); }
 
 void RunUnparsable() {
   try {
-    orvane::QorcliExecutor::Instance()->RunCommand(kUnparsableCommand);
+    orvane::QorcliExecutor::Instance().RunCommand(kUnparsableCommand);
     std::fprintf(stderr, "'%s' unexpectedly succeeded\n", kUnparsableCommand);
     std::exit(1);
   } catch (const std::exception&) {
@@ -111,7 +111,7 @@ int main(int argc, char* argv[]) {
   }
   orvane::InitLogging("orvane");
   try {
-    orvane::QorcliExecutor::Instance()->Reset();
+    orvane::QorcliExecutor::Instance().Reset();
     for (int i = 0; i < kWarmUpRuns; ++i) {
       RunTrue();
       SpawnTrue();
@@ -125,7 +125,7 @@ int main(int argc, char* argv[]) {
       Append(direct, Measure(1, SpawnTrue));
     }
     const Timings roundTrip = Measure(count, RunUnparsable);
-    orvane::QorcliExecutor::Instance()->Stop();
+    orvane::QorcliExecutor::Instance().Stop();
 
     std::printf("%d calls each, after %d warm-up calls\n", count, kWarmUpRuns);
     Print("RunCommand \"bench true\"", throughExecutor);

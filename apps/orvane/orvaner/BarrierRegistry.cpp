@@ -1,5 +1,6 @@
 #include "orvaner/BarrierRegistry.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include "orvaner/GraphLock.h"
@@ -73,10 +74,42 @@ PriorityBarrier& BarrierRegistry::GetPriorityBarrier(std::uint32_t priority) {
           dynamic_cast<PriorityBarrier*>(GetBarrier(PriorityBarrier::NameOf(priority), false))) {
     return *found;
   }
-  auto barrier = std::make_unique<PriorityBarrier>(*this, priority);
+  auto barrier = std::make_unique<PriorityBarrier>(priority);
   PriorityBarrier& created = *barrier;
   Adopt(std::move(barrier));
+  SpliceLevel(created);
   return created;
+}
+
+void BarrierRegistry::SpliceLevel(PriorityBarrier& level) {
+  GraphLockGuard lock;
+  const std::uint32_t priority = level.Priority();
+  // Before any equal element, after every smaller one.
+  const auto inserted = priorityList_.insert(
+      std::lower_bound(priorityList_.begin(), priorityList_.end(), priority), priority);
+  const auto pos = static_cast<std::size_t>(inserted - priorityList_.begin());
+
+  if (pos > 0) {
+    PriorityBarrier& lower = Level(priorityList_[pos - 1]);
+    level.Requires(lower);
+    level.SetLevelBelow(&lower);
+  }
+  if (pos + 1 < priorityList_.size()) {
+    // Splicing into the middle of the chain: the level above, members and
+    // barrier, now waits for this level too. Its old edges from the level
+    // below stay; they are redundant.
+    PriorityBarrier& higher = Level(priorityList_[pos + 1]);
+    for (Node* member : higher.Members()) {
+      level.Provides(*member);
+    }
+    level.Provides(higher);
+    higher.SetLevelBelow(&level);
+  }
+  RegisterBarrier(level, level.Name());
+}
+
+PriorityBarrier& BarrierRegistry::Level(std::uint32_t priority) {
+  return static_cast<PriorityBarrier&>(*GetBarrier(PriorityBarrier::NameOf(priority), false));
 }
 
 void BarrierRegistry::Adopt(std::unique_ptr<Node> barrier) {

@@ -1,6 +1,7 @@
 /// The barrier registry: turns a barrier name into the one vertex of that
-/// name, and keeps the ascending list of start priorities that the priority
-/// barriers stand for.
+/// name, and owns the chain of priority levels: the ascending list of start
+/// priorities that the priority barriers stand for, and the splicing of a
+/// new level between its neighbours.
 #pragma once
 
 #include <cstdint>
@@ -59,12 +60,18 @@ class BarrierRegistry {
   PriorityBarrier& GetPriorityBarrier(std::uint32_t priority);
 
   /// The start priorities that have a barrier, ascending.
-  std::vector<std::uint32_t>& PriorityList() { return priorityList_; }
+  const std::vector<std::uint32_t>& PriorityList() const { return priorityList_; }
 
   /// Keeps @p barrier alive as long as the registry.
   void Adopt(std::unique_ptr<Node> barrier);
 
  private:
+  /// Enters a new level into the priority list and links it to its
+  /// neighbours, between two existing levels when it falls between them.
+  void SpliceLevel(PriorityBarrier& level);
+  /// The barrier of a level that already exists.
+  PriorityBarrier& Level(std::uint32_t priority);
+
   std::map<std::string, Node*> barriers_;
   std::vector<std::unique_ptr<Node>> owned_;
   std::vector<std::uint32_t> priorityList_;

@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "orvaner/GraphLock.h"
+#include "orvaner/Node.h"
 
 namespace orvane {
 namespace {
@@ -22,10 +23,10 @@ void WriteDot(Node& node, std::ostream& stream) {
   }
 }
 
-void WriteDependencyTree(const PluginList& plugins, const std::deque<Node*>& barriers,
+void WriteDependencyTree(const std::deque<Node*>& plugins, const std::deque<Node*>& barriers,
                          std::ostream& stream) {
   stream << "digraph g {" << std::endl;
-  for (Plugin* plugin : plugins) {
+  for (Node* plugin : plugins) {
     WriteDot(*plugin, stream);
   }
   for (Node* barrier : barriers) {

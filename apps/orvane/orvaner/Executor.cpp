@@ -90,11 +90,6 @@ void Executor::Enqueue(Node& node) {
   pthread_cond_broadcast(&readyCondition_);
 }
 
-Node& Executor::PickNext() {
-  GraphLockGuard lock;
-  return readyList_.PickNext(randomize_);
-}
-
 std::size_t Executor::ReadyCount() const {
   GraphLockGuard lock;
   return readyList_.Size();
@@ -105,12 +100,12 @@ int Executor::ParallelThreadCount(std::size_t pluginCount, int processorCount) {
   return static_cast<int>(std::min(pluginCount, doubled));
 }
 
-void Executor::RunNode(Node& node) {
-  if (node.State() == NodeState::QueuedStart) {
-    node.RunStart(*this);
-  } else {
-    node.RunStop(*this);
+Node* Executor::RunNextReady() {
+  GraphLockGuard lock;
+  if (readyList_.Empty()) {
+    return nullptr;
   }
+  return &RunPicked(lock);
 }
 
 int Executor::CurrentWorker() { return currentWorker; }
@@ -119,34 +114,39 @@ void Executor::WorkerLoop(int index) {
   currentWorker = index;
   GraphLockGuard lock;
   while (!stopping_) {
+    // One taking of the lock serves both a vertex's completion and the next
+    // pick: every vertex would otherwise cost the worker three, each a
+    // chance to queue behind the main thread scheduling the plugin list.
     while (!readyList_.Empty()) {
-      Node& node = PickNext();
-      const bool forward = node.State() == NodeState::QueuedStart;
-      lock.Unlock();
-      // An action must not throw; one that does anyway is reported and its
-      // vertex counts as finished, like a failed plugin, so that the pass
-      // goes on instead of the process ending.
-      try {
-        node.RunAction(*this, forward);
-      } catch (...) {
-        ReportEscapedException("running", node);
-      }
-      // One taking of the lock serves both the completion and the next
-      // pick: every vertex would otherwise cost the worker three, each a
-      // chance to queue behind the main thread scheduling the plugin list.
-      lock.Lock();
-      if (observer_ != nullptr) observer_->VertexDone(node);
-      try {
-        node.Complete(*this, forward);
-      } catch (...) {
-        ReportEscapedException("completing", node);
-      }
+      RunPicked(lock);
       if (stopping_) {
         return;
       }
     }
     lock.Wait(readyCondition_);
   }
+}
+
+Node& Executor::RunPicked(GraphLockGuard& lock) {
+  Node& node = readyList_.PickNext(randomize_);
+  const bool forward = node.State() == NodeState::QueuedStart;
+  lock.Unlock();
+  // An action must not throw; one that does anyway is reported and its
+  // vertex counts as finished, like a failed plugin, so that the pass goes
+  // on instead of the process ending.
+  try {
+    node.RunAction(*this, forward);
+  } catch (...) {
+    ReportEscapedException("running", node);
+  }
+  lock.Lock();
+  if (observer_ != nullptr) observer_->VertexDone(node);
+  try {
+    node.Complete(*this, forward);
+  } catch (...) {
+    ReportEscapedException("completing", node);
+  }
+  return node;
 }
 
 }  // namespace orvane

@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "orvaner/ReadyList.h"
+#include "orvaner/ReadyQueue.h"
 
 namespace orvane {
 
+class GraphLockGuard;
 class Node;
 class PassObserver;
 
@@ -18,7 +20,7 @@ class PassObserver;
 /// and runs its forward or reverse action, which makes further vertices
 /// ready. One executor serves one pass; destroying it stops the workers and
 /// drops whatever is still queued.
-class Executor {
+class Executor : public ReadyQueue {
  public:
   /// Starts a thread for a worker; replaced in tests to make a start fail.
   using ThreadStarter = std::function<std::thread(std::function<void()> work)>;
@@ -34,12 +36,14 @@ class Executor {
 
   /// Appends a vertex to the ready list and wakes the workers. Called by the
   /// scheduling rules of Node under the graph lock.
-  void Enqueue(Node& node);
-  /// Removes and returns the vertex to run next; under the graph lock, with a non-empty list.
-  Node& PickNext();
-  /// Runs a vertex taken from the list: its forward action when it is
-  /// QueuedStart, its reverse one otherwise.
-  void RunNode(Node& node);
+  void Enqueue(Node& node) override;
+  /// Takes the vertex to run next and runs it on the calling thread exactly
+  /// as a worker does: its forward action when it is QueuedStart, its
+  /// reverse one otherwise, without the graph lock; then its completion,
+  /// which may make other vertices ready. Returns it, or null when nothing
+  /// is ready. Call it without the graph lock; an executor without workers
+  /// is driven this way, one vertex at a time.
+  Node* RunNextReady();
 
   /// How many workers were started.
   std::size_t ThreadCount() const { return threads_.size(); }
@@ -61,6 +65,9 @@ class Executor {
 
  private:
   void WorkerLoop(int index);
+  /// Picks the vertex to run next and runs it. Called, and returns, with
+  /// @p lock holding the graph lock once; the ready list is not empty.
+  Node& RunPicked(GraphLockGuard& lock);
   void StopWorkers();
 
   pthread_cond_t readyCondition_;

@@ -272,7 +272,7 @@ void JSONPlugin::ApplyHostProfile() {
 }
 
 void JSONPlugin::SendCommand(const std::string& commandLine) {
-  QorcliExecutor::Instance()->RunCommand(commandLine);
+  QorcliExecutor::Instance().RunCommand(commandLine);
 }
 
 void JSONPlugin::RunCliCommands(const std::string& method,

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -86,7 +87,7 @@ bool AcceptCombination(const RunOptions& options, const RunState& state) {
 bool StartExecutor() {
   Log_Level(LOG_LEVEL_INFO, "Launching Executor\n");
   try {
-    QorcliExecutor::Instance()->Reset();
+    QorcliExecutor::Instance().Reset();
     return true;
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_WARNING, "Failed to start executor %s\n", error.what());
@@ -99,7 +100,7 @@ bool StartExecutor() {
 // A failure is logged and the closing steps go on.
 void StopExecutor() {
   try {
-    QorcliExecutor::Instance()->Stop();
+    QorcliExecutor::Instance().Stop();
   } catch (const std::exception& error) {
     Log_Level(LOG_LEVEL_ERROR, "Failed to stop Executor: %s\n", error.what());
   } catch (...) {
@@ -203,7 +204,8 @@ bool CheckDumpWritten(std::ostream& stream, const std::string& destination) {
 // (truncated) or to standard output; false when the file cannot be opened,
 // in which case nothing is written, or when writing fails (a full disk):
 // a dump cut short must not pass for the graph.
-bool DumpDependencyTree(const PluginList& plugins, const RunState& state) {
+bool DumpDependencyTree(const PluginList& pluginList, const RunState& state) {
+  const std::deque<Node*> plugins(pluginList.begin(), pluginList.end());
   errno = 0;  // what a failed write leaves here is the cause to report
   if (!state.dumpPath) {
     WriteDependencyTree(plugins, ListBarriers(), std::cout);

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
 #include "orvaner/GraphLock.h"
+#include "orvaner/ReadyQueue.h"
 
 namespace orvane {
 
@@ -61,14 +61,14 @@ void Node::MarkDone() {
   state_ = NodeState::Started;
 }
 
-void Node::ScheduleStart(Executor& executor) {
+void Node::ScheduleStart(ReadyQueue& queue) {
   GraphLockGuard lock;
-  Schedule(*this, executor, kForward);
+  Schedule(*this, queue, kForward);
 }
 
-void Node::ScheduleStop(Executor& executor) {
+void Node::ScheduleStop(ReadyQueue& queue) {
   GraphLockGuard lock;
-  Schedule(*this, executor, kReverse);
+  Schedule(*this, queue, kReverse);
 }
 
 // A depth-first walk that schedules every Idle vertex it waits for before
@@ -76,7 +76,7 @@ void Node::ScheduleStop(Executor& executor) {
 // it waits for is pending or queued. The walk keeps its own stack instead of
 // recursing: the order in which vertices are queued is that of the recursive
 // walk, but a chain of 100,000 vertices cannot overflow the thread's stack.
-void Node::Schedule(Node& start, Executor& executor, const Pass& pass) {
+void Node::Schedule(Node& start, ReadyQueue& queue, const Pass& pass) {
   if (start.state_ == pass.queued || start.state_ == pass.finished) {
     return;
   }
@@ -89,7 +89,7 @@ void Node::Schedule(Node& start, Executor& executor, const Pass& pass) {
     // square of their number.
     if (!start.WaitsForUnfinished(pass)) {
       start.state_ = pass.queued;
-      executor.Enqueue(start);
+      queue.Enqueue(start);
     }
     return;
   }
@@ -126,7 +126,7 @@ void Node::Schedule(Node& start, Executor& executor, const Pass& pass) {
     stack.pop_back();
     if (!unfinished) {
       node.state_ = pass.queued;
-      executor.Enqueue(node);
+      queue.Enqueue(node);
     }
   }
 }
@@ -138,16 +138,6 @@ bool Node::WaitsForUnfinished(const Pass& pass) const {
   });
 }
 
-void Node::RunStart(Executor& executor) {
-  RunAction(executor, true);
-  Complete(executor, true);
-}
-
-void Node::RunStop(Executor& executor) {
-  RunAction(executor, false);
-  Complete(executor, false);
-}
-
 void Node::RunAction(Executor& executor, bool forward) {
   if (forward) {
     Execute(executor);
@@ -156,16 +146,16 @@ void Node::RunAction(Executor& executor, bool forward) {
   }
 }
 
-void Node::Complete(Executor& executor, bool forward) {
-  Finish(executor, forward ? kForward : kReverse);
+void Node::Complete(ReadyQueue& queue, bool forward) {
+  Finish(queue, forward ? kForward : kReverse);
 }
 
-void Node::Finish(Executor& executor, const Pass& pass) {
+void Node::Finish(ReadyQueue& queue, const Pass& pass) {
   GraphLockGuard lock;
   state_ = pass.finished;
   for (Node* released : this->*pass.release) {
     if (released->state_ == pass.pending) {
-      Schedule(*released, executor, pass);
+      Schedule(*released, queue, pass);
     }
   }
   pthread_cond_broadcast(&doneCondition_);

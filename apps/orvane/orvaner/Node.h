@@ -7,14 +7,16 @@
 /// - Forward (start) pass. ScheduleStart moves an Idle vertex to
 ///   PendingStart and looks at its predecessors, scheduling any that are
 ///   still Idle first. When none of them is PendingStart or QueuedStart any
-///   more, the vertex becomes QueuedStart and goes to the executor's ready
-///   list. A worker takes it from there and calls RunStart, which runs
-///   Execute without the graph lock, then under the lock sets Started,
-///   schedules every successor that is PendingStart, and wakes everyone
-///   waiting for the vertex.
+///   more, the vertex becomes QueuedStart and goes to the ready queue the
+///   pass was scheduled with (ReadyQueue.h; the executor's ready list). A
+///   worker takes it from there: RunAction runs Execute without the graph
+///   lock, then Complete, under the lock, sets Started, schedules every
+///   successor that is PendingStart, and wakes everyone waiting for the
+///   vertex.
 /// - Reverse (stop) pass. The mirror image over the successors:
-///   PendingStop, QueuedStop, then RunStop calls ExecuteReverse and sets
-///   Stopped; a vertex that already ran forward (Started) counts as done.
+///   PendingStop, QueuedStop, then RunAction calls ExecuteReverse and
+///   Complete sets Stopped; a vertex that already ran forward (Started)
+///   counts as done.
 /// - MarkDone jumps straight to Started without running anything and without
 ///   waking anyone: a skipped plugin still releases what depends on it.
 ///
@@ -34,6 +36,7 @@
 namespace orvane {
 
 class Executor;
+class ReadyQueue;
 
 /// The seven states of a vertex. The values are fixed: scheduling compares them.
 enum class NodeState : std::uint32_t {
@@ -67,7 +70,7 @@ class Node {
   virtual void ExecuteReverse(Executor& executor);
   /// Attribute text appended to the vertex's label in the Graphviz dump.
   virtual std::string DotAttributes() = 0;
-  /// Whether the kind has a reverse action of its own; RunStop does not call
+  /// Whether the kind has a reverse action of its own; RunAction does not call
   /// the default one at all.
   virtual bool HasReverseAction() const { return false; }
 
@@ -87,20 +90,20 @@ class Node {
   /// Started, without running anything and without waking anyone.
   void MarkDone();
 
-  /// Reaches this vertex in a forward pass (see the life cycle above).
-  void ScheduleStart(Executor& executor);
+  /// Reaches this vertex in a forward pass (see the life cycle above);
+  /// every vertex that becomes QueuedStart goes to @p queue.
+  void ScheduleStart(ReadyQueue& queue);
   /// Reaches this vertex in a reverse pass.
-  void ScheduleStop(Executor& executor);
-  /// Called by an executor thread, without the graph lock, for a QueuedStart vertex.
-  void RunStart(Executor& executor);
-  /// Called by an executor thread, without the graph lock, for a QueuedStop vertex.
-  void RunStop(Executor& executor);
-  /// RunStart (@p forward) or RunStop in its two halves, for a worker that
-  /// keeps the graph lock from one vertex's completion to its next pick:
-  /// the action, called without the lock, then the completion (the new
-  /// state, the release of what waits for this vertex, the wake-up).
+  void ScheduleStop(ReadyQueue& queue);
+  /// How an executor thread runs a vertex it took from the ready list, in
+  /// two halves, so that it can keep the graph lock from one vertex's
+  /// completion to its next pick. First the action: Execute when
+  /// @p forward (the vertex was QueuedStart), else ExecuteReverse when the
+  /// kind has one; called without the graph lock.
   void RunAction(Executor& executor, bool forward);
-  void Complete(Executor& executor, bool forward);
+  /// Then the completion: the new state, the release of what waits for
+  /// this vertex (scheduled into @p queue), the wake-up.
+  void Complete(ReadyQueue& queue, bool forward);
   /// Block until the state is Started (Stopped). Never call with the graph lock held.
   void WaitStarted();
   void WaitStopped();
@@ -117,10 +120,10 @@ class Node {
   static const Pass kForward;
   static const Pass kReverse;
 
-  static void Schedule(Node& start, Executor& executor, const Pass& pass);
+  static void Schedule(Node& start, ReadyQueue& queue, const Pass& pass);
   /// Whether something this vertex waits for in @p pass is pending or queued.
   bool WaitsForUnfinished(const Pass& pass) const;
-  void Finish(Executor& executor, const Pass& pass);
+  void Finish(ReadyQueue& queue, const Pass& pass);
   void WaitFor(NodeState wanted);
   void ComputeLevels();
   static int LongestChain(Node& start, int Node::*level, std::vector<Node*> Node::*edges);

@@ -27,11 +27,11 @@ QorcliDispatcher::QorcliDispatcher() {
 
 QorcliDispatcher::~QorcliDispatcher() = default;
 
-std::shared_ptr<QorcliDispatcher> QorcliDispatcher::Instance() {
+QorcliDispatcher& QorcliDispatcher::Instance() {
   // Built on first use; a constructor that throws leaves it unbuilt, and the
-  // next call tries again.
-  static const std::shared_ptr<QorcliDispatcher> instance = std::make_shared<QorcliDispatcher>();
-  return instance;
+  // next call tries again. Never destroyed, like every process-wide object.
+  static auto* instance = new QorcliDispatcher;
+  return *instance;
 }
 
 }  // namespace orvane

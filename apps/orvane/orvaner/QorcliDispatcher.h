@@ -1,8 +1,6 @@
 /// The dispatcher that the executor process hands every parsed command to.
 #pragma once
 
-#include <memory>
-
 #include "CppTools/AutoCli/Dispatcher.h"
 
 namespace orvane {
@@ -18,8 +16,9 @@ class QorcliDispatcher : public CppTools::AutoCli::Dispatcher {
   ~QorcliDispatcher() override;
 
   /// The process-wide dispatcher, built on the first call and never
-  /// replaced. The executor's single event-loop thread makes every call.
-  static std::shared_ptr<QorcliDispatcher> Instance();
+  /// replaced or destroyed. The executor's single event-loop thread makes
+  /// every call.
+  static QorcliDispatcher& Instance();
 };
 
 }  // namespace orvane

@@ -210,14 +210,14 @@ void SendStatus(int connection, CommandStatus status) {
 
 QorcliExecutor::~QorcliExecutor() = default;
 
-std::shared_ptr<QorcliExecutor> QorcliExecutor::Instance() {
-  static const std::shared_ptr<QorcliExecutor> instance = [] {
+QorcliExecutor& QorcliExecutor::Instance() {
+  static auto* instance = [] {
     if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
       Log_Level(LOG_LEVEL_WARNING, "Orvane cannot ignore SIGPIPE\n");
     }
-    return std::shared_ptr<QorcliExecutor>(new QorcliExecutor);
+    return new QorcliExecutor;
   }();
-  return instance;
+  return *instance;
 }
 
 int QorcliExecutor::Connect(bool logFailure) {
@@ -444,7 +444,7 @@ void QorcliExecutor::ServeConnection(int connection, void* clientData) {
     SendStatus(connection, kStatusFailure);
     return;
   }
-  const std::optional<CommandStatus> status = AnswerRequest(message, *QorcliDispatcher::Instance());
+  const std::optional<CommandStatus> status = AnswerRequest(message, QorcliDispatcher::Instance());
   if (status) {
     SendStatus(connection, *status);
   } else {

@@ -43,10 +43,10 @@ class QorcliExecutor {
   QorcliExecutor(const QorcliExecutor&) = delete;
   QorcliExecutor& operator=(const QorcliExecutor&) = delete;
 
-  /// The process-wide handle, created on the first call, which also makes
-  /// the process ignore SIGPIPE so that a send on a closed connection fails
-  /// instead of killing it.
-  static std::shared_ptr<QorcliExecutor> Instance();
+  /// The process-wide handle, created on the first call and never
+  /// destroyed; the first call also makes the process ignore SIGPIPE so that
+  /// a send on a closed connection fails instead of killing it.
+  static QorcliExecutor& Instance();
 
   /// Makes sure an executor process runs and accepts connections: returns at
   /// once when one answers, else forks one and returns when it listens.

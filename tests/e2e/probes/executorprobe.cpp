@@ -250,7 +250,7 @@ void FakeExecutor(const std::string& command) {
       close(connection);
     }
   });
-  ReportCall("run", [&] { QorcliExecutor::Instance()->RunCommand(command); });
+  ReportCall("run", [&] { QorcliExecutor::Instance().RunCommand(command); });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a retry would arrive by now
   done = true;
   server.join();
@@ -273,9 +273,9 @@ void WaitGone() {
 }
 
 void Dispatcher() {
-  auto first = orvane::QorcliDispatcher::Instance();
-  auto second = orvane::QorcliDispatcher::Instance();
-  Report("dispatcher", first == second && first != nullptr ? "same instance" : "different");
+  orvane::QorcliDispatcher& first = orvane::QorcliDispatcher::Instance();
+  orvane::QorcliDispatcher& second = orvane::QorcliDispatcher::Instance();
+  Report("dispatcher", &first == &second ? "same instance" : "different");
 }
 
 int Usage() {
@@ -292,12 +292,12 @@ int main(int argc, char* argv[]) {
     const std::string& step = steps[i];
     const bool hasArgument = i + 1 < steps.size();
     if (step == "reset") {
-      ReportCall(step, [] { QorcliExecutor::Instance()->Reset(); });
+      ReportCall(step, [] { QorcliExecutor::Instance().Reset(); });
     } else if (step == "stop") {
-      ReportCall(step, [] { QorcliExecutor::Instance()->Stop(); });
+      ReportCall(step, [] { QorcliExecutor::Instance().Stop(); });
     } else if (step == "run" && hasArgument) {
       const std::string command = steps[++i];
-      ReportCall(step, [&] { QorcliExecutor::Instance()->RunCommand(command); });
+      ReportCall(step, [&] { QorcliExecutor::Instance().RunCommand(command); });
     } else if (step == "send" && hasArgument) {
       Report(step, SendRaw(steps[++i]));
     } else if (step == "send-file" && hasArgument) {

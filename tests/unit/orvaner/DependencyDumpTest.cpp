@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <sstream>
 
 #include "GraphTestSupport.h"
@@ -15,7 +16,7 @@ std::string Id(const Node& node) { return std::to_string(reinterpret_cast<std::u
 
 class DependencyDumpTest : public GraphTest {
  protected:
-  std::string Dump(const PluginList& plugins) {
+  std::string Dump(const std::deque<Node*>& plugins) {
     std::ostringstream out;
     WriteDependencyTree(plugins, registry.ListBarriers(), out);
     return out.str();

@@ -103,11 +103,8 @@ TEST_F(ExecutorTest, ZeroThreadsRunNothingAndAPassWaitingOnThemNeverEnds) {
   auto wait = std::async(std::launch::async, [&] { plugin.WaitStarted(); });
   EXPECT_EQ(wait.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   EXPECT_TRUE(runLog.Entries().empty());
-  // Running the queued vertex by hand completes the wait so the test can end.
-  GraphLockGuard lock;
-  Node& queued = executor.PickNext();
-  lock.Unlock();
-  executor.RunNode(queued);
+  // Running the queued vertex on this thread completes the wait so the test can end.
+  EXPECT_EQ(executor.RunNextReady(), &plugin);
   wait.get();
 }
 
@@ -217,14 +214,11 @@ TEST_F(ExecutorTest, ActionThatThrowsSomethingElseIsReportedWithoutText) {
   EXPECT_EQ(broken.State(), NodeState::Started);
 }
 
-TEST_F(ExecutorTest, RunNodeRunsTheReverseActionOfAVertexQueuedForStop) {
+TEST_F(ExecutorTest, VertexQueuedForStopRunsItsReverseAction) {
   RecordingPlugin plugin("plugin", runLog);
   Executor executor(0, false);
   plugin.ScheduleStop(executor);
-  GraphLockGuard lock;
-  Node& queued = executor.PickNext();
-  lock.Unlock();
-  executor.RunNode(queued);
+  EXPECT_EQ(executor.RunNextReady(), &plugin);
   EXPECT_THAT(runLog.Entries(), ElementsAre("stop plugin"));
   EXPECT_EQ(plugin.State(), NodeState::Stopped);
 }

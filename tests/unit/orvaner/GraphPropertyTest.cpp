@@ -262,9 +262,10 @@ TEST_F(GraphPasses, LongChainRunsForwardWithEightWorkers) { CheckLongChain(8, tr
 
 // A, B wait for each other; C waits for A; D is independent. The pass runs
 // D and never A, B or C: a wait on A does not return. To end the test the
-// cycle is broken by hand: the test calls RunStart on A, as a worker would
-// had A become ready. That publishes Started and wakes the waiting thread
-// through the public interface, so no thread is left blocked at exit.
+// cycle is broken by hand: the test runs A's action and completion, as a
+// worker would had A become ready. That publishes Started and wakes the
+// waiting thread through the public interface, so no thread is left blocked
+// at exit.
 TEST_F(GraphPasses, CycleNeverCompletesAndItsWaitDoesNotReturn) {
   Watchdog watchdog("the cycle test");
   TestVertex a("A", Node::kDefaultSchedulingClass, nullptr);
@@ -294,7 +295,8 @@ TEST_F(GraphPasses, CycleNeverCompletesAndItsWaitDoesNotReturn) {
   EXPECT_EQ(a.forwardRuns.load() + b.forwardRuns.load() + c.forwardRuns.load(), 0);
   EXPECT_EQ(d.forwardRuns.load(), 1);
 
-  a.RunStart(executor);
+  a.RunAction(executor, true);
+  a.Complete(executor, true);
   waiter.join();
   b.WaitStarted();
   c.WaitStarted();

@@ -18,10 +18,9 @@ namespace orvane {
 namespace {
 
 TEST(QorcliExecutorTest, InstanceIsOneObjectAndMakesTheProcessIgnoreSigpipe) {
-  std::shared_ptr<QorcliExecutor> first = QorcliExecutor::Instance();
-  std::shared_ptr<QorcliExecutor> second = QorcliExecutor::Instance();
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(first.get(), second.get());
+  QorcliExecutor& first = QorcliExecutor::Instance();
+  QorcliExecutor& second = QorcliExecutor::Instance();
+  EXPECT_EQ(&first, &second);
 
   struct sigaction current {};
   ASSERT_EQ(sigaction(SIGPIPE, nullptr, &current), 0);

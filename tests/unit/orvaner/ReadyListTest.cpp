@@ -217,7 +217,8 @@ std::vector<int> DrivePass(Side& side, std::size_t pluginCount, const PassPlan& 
 }
 
 /// The real thing: Node's scheduling rules and the executor's ready list,
-/// driven through an executor without workers.
+/// driven through an executor without workers, which runs each vertex as a
+/// worker would.
 class RealSide {
  public:
   RealSide(const GraphRecipe& recipe, const PassPlan& plan)
@@ -243,9 +244,9 @@ class RealSide {
     });
   }
   int PickAndRun() {
-    Node& node = executor_.PickNext();
-    executor_.RunNode(node);
-    return index_.at(&node);
+    Node* node = executor_.RunNextReady();
+    EXPECT_NE(node, nullptr) << "a vertex was queued";
+    return node == nullptr ? -1 : index_.at(node);
   }
 
  private:
