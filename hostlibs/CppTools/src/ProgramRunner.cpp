@@ -1,5 +1,7 @@
 #include "ProgramRunner.h"
 
+#include <sys/wait.h>
+
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -81,10 +83,11 @@ ProgramResult RunProgram(const std::vector<std::string>& argv,
     result.startError = std::string("cannot wait for it: ") + std::strerror(run.status.WaitError());
     return result;
   }
+  // Anything but a signal is read as an exit status, as the wait word gives it.
   if (run.status.Killed()) {
     result.signal = run.status.Signal();
   } else {
-    result.exitStatus = run.status.Code();
+    result.exitStatus = WEXITSTATUS(run.status.WaitStatus());
   }
   return result;
 }

@@ -297,7 +297,13 @@ class PosixSpawner final : public Spawner {
       return result;
     }
     if (child == 0) {
-      body();
+      // An exception must not climb out of the child into the caller's
+      // code: the child would go on as a second copy of this process.
+      try {
+        body();
+      } catch (...) {
+        ::_exit(kChildFailureStatus);
+      }
       ::_exit(0);
     }
     result.status = WaitForExit(child);

@@ -448,6 +448,9 @@ TEST_F(NativePluginTest, FileActionsThatCannotBeCreatedAreTheReason) {
 
 TEST_F(NativePluginTest, DescriptorThatCannotBeSharedIsTheReasonWithoutSeparator) {
   NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  // UndefinedBehaviorSanitizer checks the spawner's type at its first
+  // virtual call and needs descriptors for that; that call comes first.
+  process::Spawner::Instance().Poll(unit_testing::FakeSpawner::kFakePid);
   // With room for two descriptors only, standard error cannot be handed on.
   rlimit previous{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &previous), 0);

@@ -171,7 +171,8 @@ class Spawner {
   /// from another session) and executes the shell; waits for it.
   virtual RunResult RunShellSession(const ShellSession& session) = 0;
 
-  /// Forks a child that runs @p body and exits 0 when it returns; waits for
+  /// Forks a child that runs @p body and exits 0 when it returns (1 when it
+  /// throws); waits for
   /// the child. For a child that carries on as a process of its own (which
   /// it detaches from this one before the wait returns).
   virtual RunResult RunInChild(const std::function<void()>& body) = 0;

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -343,6 +344,14 @@ TEST(SpawnerShellTest, ChildRunsTheBodyAndItsExitIsCollected) {
   EXPECT_EQ(child.status.Code(), 12);
   EXPECT_TRUE(directory.Exists("mark"));
   EXPECT_TRUE(Spawner::Instance().RunInChild([] {}).status.Succeeded());
+}
+
+TEST(SpawnerShellTest, ChildWhoseBodyThrowsExitsOneAndTheCallerGoesOn) {
+  const RunResult child =
+      Spawner::Instance().RunInChild([] { throw std::runtime_error("in the child"); });
+  ASSERT_TRUE(child.Started());
+  EXPECT_TRUE(child.status.Exited());
+  EXPECT_EQ(child.status.Code(), 1);
 }
 
 // The child's report of a failed step: its own exit code tells the parent.
