@@ -1,14 +1,12 @@
 #include "orvaner/DebugPlugin.h"
 
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <utility>
 
 #include "log/Log.h"
 #include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
 #include "orvaner/Node.h"
+#include "process/Spawner.h"
 
 namespace orvane {
 
@@ -24,14 +22,15 @@ DebugPlugin::DebugPlugin(std::string name, const std::vector<std::string>& requi
 }
 
 void DebugPlugin::Start() {
-  const int status = std::system(command_.c_str());
-  if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+  const process::ExitStatus status = process::Spawner::Instance().RunShellCommand(command_);
+  if (status.Succeeded()) {
     return;
   }
-  // The raw status word, not the exit code: exit 1 shows as 0x000100. An
-  // injection must not change the outcome of the boot, so nothing is thrown.
+  // The raw status word, not the exit code: exit 1 shows as 0x000100, a
+  // shell that could not be run or collected as 0xffffffff. An injection
+  // must not change the outcome of the boot, so nothing is thrown.
   Log_Level(LOG_LEVEL_INFO, "debug injection '%s' returned %#08x\n", Name().c_str(),
-            static_cast<unsigned>(status));
+            static_cast<unsigned>(status.WaitStatus()));
 }
 
 void DebugPlugin::ApplyHostProfile() {

@@ -19,7 +19,8 @@ class DebugPlugin : public Plugin {
   DebugPlugin(std::string name, const std::vector<std::string>& requiredBarriers,
               const std::vector<std::string>& providedBarriers, std::string command);
 
-  /// Runs the command with system() and waits for the shell. Anything but a
+  /// Runs the command through the shell as system() does (the process-wide
+  /// spawner) and waits for the shell. Anything but a
   /// clean exit with code 0 (another code, a signal, system() failing) is
   /// logged at level 5 with the raw status word. Never throws.
   void Start() override;

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <sstream>
@@ -13,13 +12,13 @@
 #include "hostfile/HostFile.h"
 #include "log/Log.h"
 #include "orvaner/RunProgram.h"
+#include "process/Spawner.h"
 
 namespace orvane {
 namespace {
 
 constexpr const char* kSyslogDaemonInitOption = "-i";
 constexpr const char* kStartMethod = "start";
-constexpr int kSystemCallFailed = -1;
 
 // RunProgram takes the non-const vector that execve takes; the strings are
 // never written to.
@@ -30,7 +29,9 @@ void RunAndForget(const char* program, const char* argument, char* const environ
 
 void UpgradeSyslogConfiguration(const InitModePaths& initPaths) {
   if (access(initPaths.syslogConf, F_OK) != 0) return;
-  if (std::system(initPaths.syslogUpgradeScript) == kSystemCallFailed) {
+  // Only a shell that could not be run is reported; what the script itself
+  // ends with is not.
+  if (!process::Spawner::Instance().RunShellCommand(initPaths.syslogUpgradeScript).Collected()) {
     Log_Level(LOG_LEVEL_ERROR, "failed to call %s\n", initPaths.syslogUpgradeScript);
   }
 }

@@ -1,7 +1,6 @@
 #include "orvaner/InitdDiscovery.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <map>
 #include <set>
@@ -13,6 +12,7 @@
 #include "orvane/FixedPaths.h"
 #include "orvaner/Exception.h"
 #include "orvaner/LegacyDaemonPlugin.h"
+#include "process/Spawner.h"
 
 namespace orvane {
 namespace {
@@ -26,22 +26,6 @@ const std::unordered_set<std::string>& SkippedDaemons() {
   static const std::unordered_set<std::string> skipped = {"zelsyslogd", "wexd"};
   return skipped;
 }
-
-/// Closes a popen stream on every way out.
-class ListingPipe {
- public:
-  explicit ListingPipe(const std::string& command) : pipe_(popen(command.c_str(), "r")) {}
-  ~ListingPipe() {
-    if (pipe_ != nullptr) pclose(pipe_);
-  }
-  ListingPipe(const ListingPipe&) = delete;
-  ListingPipe& operator=(const ListingPipe&) = delete;
-
-  FILE* Stream() const { return pipe_; }
-
- private:
-  FILE* pipe_;
-};
 
 using Listing = std::multimap<std::int32_t, std::string>;
 
@@ -62,8 +46,7 @@ void ReadListingLine(const std::string& line, Listing& listing) {
 
 // The listing is read whole, but never more than kMaxListingSize bytes of
 // it: a listing program that runs away must not take the run's memory.
-Listing ReadListing(FILE* stream, const std::string& listingCommand) {
-  const hostfile::FileContent output = hostfile::ReadToEnd(fileno(stream), kMaxListingSize);
+Listing ReadListing(const hostfile::FileContent& output, const std::string& listingCommand) {
   if (!output.Ok()) {
     throw Exception("cannot use the init.d listing of '" + listingCommand +
                     "': " + output.Problem());
@@ -89,15 +72,12 @@ std::string InitdListingCommand() { return std::string(paths::kChkconfig) + kLis
 std::vector<std::unique_ptr<Plugin>> DiscoverInitdDaemons(const std::string& listingCommand,
                                                           BarrierRegistry& registry) {
   std::vector<std::unique_ptr<Plugin>> plugins;
-  Listing listing;
-  {
-    const ListingPipe pipe(listingCommand);
-    if (pipe.Stream() == nullptr) {
-      throw Exception("Failed obtaining list of init.d scripts");
-    }
-    if (fileno(pipe.Stream()) < 1) return plugins;
-    listing = ReadListing(pipe.Stream(), listingCommand);
+  const process::ShellOutput listingOutput =
+      process::Spawner::Instance().ReadShellOutput(listingCommand, kMaxListingSize);
+  if (!listingOutput.started) {
+    throw Exception("Failed obtaining list of init.d scripts");
   }
+  const Listing listing = ReadListing(listingOutput.output, listingCommand);
 
   std::set<std::string> seenScripts;
   for (const auto& [startOrder, script] : listing) {

@@ -1,37 +1,16 @@
 #include "orvaner/InteractiveConsole.h"
 
-#include <fcntl.h>
-#include <linux/close_range.h>
-#include <linux/vt.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-#include <termios.h>
-
-#include <cctype>
-#include <cerrno>
 #include <cstring>
 
 #include "log/Log.h"
+#include "orvaner/ConsoleTerminal.h"
+#include "process/Spawner.h"
 
 namespace orvane {
 namespace {
 
-// ANSI colour numbers of the prompt; kReset is written as its own sequence.
-enum class Colour : int {
-  kRed = 1,
-  kGreen = 2,
-  kYellow = 3,
-  kMagenta = 5,
-  kCyan = 6,
-  kWhite = 7,
-  kReset = 8,
-};
-
-constexpr const char* kHideCursor = "\x1b[?25l";
-constexpr const char* kShowCursor = "\x1b[?25h";
-constexpr const char* kEraseLine = "\x1b[2K";
-constexpr const char* kResetSequence = "\x1b[0m";
-constexpr int kAnsiForegroundBase = 30;
+using terminal::Colour;
+using terminal::WriteColour;
 
 /// One choice of the prompt, in the order the prompt shows them.
 struct Choice {
@@ -54,14 +33,6 @@ bool IsChoice(char key) {
   return false;
 }
 
-void WriteColour(std::FILE* output, Colour colour) {
-  if (colour == Colour::kReset) {
-    std::fputs(kResetSequence, output);
-  } else {
-    std::fprintf(output, "\x1b[%dm", static_cast<int>(colour) + kAnsiForegroundBase);
-  }
-}
-
 /// The four choices separated by tabs, each followed by a reset; @p colourOf
 /// gives each its colour.
 template <typename ColourOf>
@@ -81,14 +52,13 @@ InteractiveConsole*& ReplacementConsole() {
   return console;
 }
 
-// In the shell's child, between fork and exec.
-void CloseInheritedDescriptors() {
-  const long openMax = ::sysconf(_SC_OPEN_MAX);
-  const int firstToClose = STDERR_FILENO + 1;
-  if (openMax <= firstToClose) return;
-  if (::close_range(firstToClose, static_cast<unsigned>(openMax - 1), 0) == 0) return;
-  for (long descriptor = firstToClose; descriptor < openMax; ++descriptor) {
-    ::close(static_cast<int>(descriptor));
+// The console's message for a step of the shell's child that failed,
+// logged in the child just before it exits.
+void ReportShellFailure(process::SessionStep step, int error) {
+  if (step == process::SessionStep::NewSession) {
+    Log_Level(LOG_LEVEL_ERROR, "unable to create new session: %s\n", std::strerror(error));
+  } else {
+    Log_Level(LOG_LEVEL_ERROR, "unable to exec shell: %s\n", std::strerror(error));
   }
 }
 
@@ -104,25 +74,15 @@ char InteractiveConsole::Prompt(const std::string& pluginName) {
   // No reset after the name: its colour runs on until the first choice's.
   WriteChoices(output, [](const Choice& choice) { return choice.colour; });
   Flush();
-  Write(kHideCursor);
+  Write(terminal::kHideCursor);
   Flush();
 
   // Single keys without echo: canonical input and echo go off while the
   // prompt reads, and on again afterwards (whatever they were before).
-  termios attributes{};
-  if (::tcgetattr(devices_.input, &attributes) != 0) {
-    Log_Level(LOG_LEVEL_ERROR, "unable to get terminal io state.\n");
-  }
-  attributes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-  if (::tcsetattr(devices_.input, TCSANOW, &attributes) != 0) {
-    Log_Level(LOG_LEVEL_ERROR, "unable to set terminal io state.\n");
-  }
+  const termios attributes = terminal::EnterSingleKeyMode(devices_.input);
   const char key = ReadChoice();
-  attributes.c_lflag |= ICANON | ECHO;
-  if (::tcsetattr(devices_.input, TCSANOW, &attributes) != 0) {
-    Log_Level(LOG_LEVEL_ERROR, "unable to restore terminal io state.\n");
-  }
-  Write(kShowCursor);
+  terminal::LeaveSingleKeyMode(devices_.input, attributes);
+  Write(terminal::kShowCursor);
   Flush();
   return key;
 }
@@ -137,47 +97,25 @@ void InteractiveConsole::ShowChoice(char key) {
 }
 
 void InteractiveConsole::SwitchConsole(int terminal) {
-  // Opened only for the ioctls: it must not become our controlling terminal.
-  const int console = ::open(devices_.console, O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (console < 0) return;
-  // Waiting is tried only when the activation itself failed.
-  if (::ioctl(console, VT_ACTIVATE, terminal) != 0) {
-    ::ioctl(console, VT_WAITACTIVE, terminal);
-  }
-  ::close(console);
+  orvane::terminal::ActivateVirtualTerminal(devices_.console, terminal);
 }
 
 void InteractiveConsole::RunTroubleshootingShell() {
   Flush();
-  const pid_t shell = ::fork();
-  if (shell < 0) {
+  // The shell runs on the console's own streams; they are the standard
+  // ones except when a test gave others.
+  process::ShellSession session;
+  session.shell = devices_.shell;
+  session.input = devices_.input;
+  session.output = ::fileno(devices_.output);
+  session.childFailure = &ReportShellFailure;
+  const process::RunResult shell = process::Spawner::Instance().RunShellSession(session);
+  if (!shell.Started()) {
     Log_Level(LOG_LEVEL_ERROR, "failed to fork - unable to launch troubleshooting shell: %s\n",
-              std::strerror(errno));
+              std::strerror(shell.startError));
     return;
   }
-  if (shell == 0) {
-    // The shell runs on the console's own streams; they are the standard
-    // ones except when a test gave others.
-    if (devices_.input != STDIN_FILENO) ::dup2(devices_.input, STDIN_FILENO);
-    const int outputDescriptor = ::fileno(devices_.output);
-    if (outputDescriptor >= 0 && outputDescriptor != STDOUT_FILENO) {
-      ::dup2(outputDescriptor, STDOUT_FILENO);
-    }
-    if (::setsid() < 0) {
-      Log_Level(LOG_LEVEL_ERROR, "unable to create new session: %s\n", std::strerror(errno));
-      ::_exit(1);
-    }
-    CloseInheritedDescriptors();
-    // 1: take the terminal even if another session has it.
-    ::ioctl(STDIN_FILENO, TIOCSCTTY, 1);
-    ::execl(devices_.shell, devices_.shell, static_cast<char*>(nullptr));
-    Log_Level(LOG_LEVEL_ERROR, "unable to exec shell: %s\n", std::strerror(errno));
-    ::_exit(1);
-  }
-  int status = 0;
-  while (::waitpid(shell, &status, 0) < 0 && errno == EINTR) {
-  }
-  Write(kEraseLine);
+  Write(terminal::kEraseLine);
   Flush();
 }
 
@@ -187,9 +125,7 @@ void InteractiveConsole::Flush() { std::fflush(devices_.output); }
 
 char InteractiveConsole::ReadChoice() {
   for (;;) {
-    char typed = 0;
-    if (::read(devices_.input, &typed, 1) != 1) continue;
-    const char key = static_cast<char>(std::tolower(static_cast<unsigned char>(typed)));
+    const char key = terminal::ReadLowerCaseKey(devices_.input);
     if (IsChoice(key)) return key;
   }
 }

@@ -1,12 +1,9 @@
 #include "orvaner/NativePlugin.h"
 
-#include <dlfcn.h>
 #include <elf.h>
 #include <errno.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +17,8 @@
 #include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
 #include "orvaner/Node.h"
+#include "process/SharedObject.h"
+#include "process/Spawner.h"
 
 extern char** environ;
 
@@ -32,8 +31,6 @@ constexpr const char* kStartMethod = "start";
 constexpr const char* kApplyHostProfileMethod = "apply_host_profile";
 /// The first API version whose metadata carries flags, run-once and version.
 constexpr std::uint32_t kExtendedMetadataVersion = 3;
-/// The helper shares our standard input, output and error.
-constexpr std::array<int, 3> kSharedDescriptors = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 constexpr std::size_t kStatusTextSize = 512;
 constexpr unsigned char kNativeByteOrder =
     std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
@@ -41,11 +38,6 @@ constexpr unsigned char kNativeByteOrder =
 std::string StatusText(ZelkuserStatus status) {
   char text[kStatusTextSize];
   return ZelkuserStatus_CodeToString(status, text, sizeof text);
-}
-
-std::string LastLoaderError() {
-  const char* error = dlerror();
-  return error != nullptr ? error : "";
 }
 
 // Reads exactly @p length bytes at @p offset; false for anything less.
@@ -107,23 +99,20 @@ void* OpenLibrary(const std::string& libraryPath) {
   if (std::string reason = UnfitReason(libraryPath); !reason.empty()) {
     throw InvalidPluginException(libraryPath, reason);
   }
-  dlerror();
-  void* handle = dlopen(libraryPath.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+  std::string loaderError;
+  void* handle = process::OpenSharedObject(libraryPath, loaderError);
   if (handle == nullptr) {
-    throw InvalidPluginException(libraryPath, LastLoaderError());
+    throw InvalidPluginException(libraryPath, loaderError);
   }
   return handle;
 }
 
-// A data symbol may legitimately be at address 0 only in theory; dlerror,
-// not the returned pointer, says whether the lookup failed. The failure is
-// the base Exception, not InvalidPluginException.
+// The failure is the base Exception, not InvalidPluginException.
 void* LookUpSymbol(void* handle, const char* symbol, const std::string& libraryPath) {
-  dlerror();
-  void* address = dlsym(handle, symbol);
-  if (const char* error = dlerror(); error != nullptr) {
-    std::string reason = error;
-    dlclose(handle);
+  std::string reason;
+  void* address = process::FindSymbol(handle, symbol, reason);
+  if (!reason.empty()) {
+    process::CloseSharedObject(handle);
     throw Exception("Failed loading symbol: " + std::string(symbol) +
                     " Located at: " + libraryPath + " Reason: " + reason);
   }
@@ -141,54 +130,36 @@ void InsertNames(const char* const* names, std::set<std::string>& into) {
   ForEachName(names, [&into](std::string name) { into.insert(std::move(name)); });
 }
 
-// Starts the helper with our standard descriptors; fills @p reason and
-// returns -1 when it could not be started.
-pid_t SpawnSharingStandardDescriptors(const std::string& program, char* const argv[],
-                                      std::string& reason) {
-  ZelkuserCompat_SpawnFileActions fileActions;
-  ZelkuserStatus status = ZelkuserCompat_SpawnFileActionsInit(
-      &fileActions, static_cast<int>(kSharedDescriptors.size()));
-  if (status != ZELKUSER_OK) {
-    reason = "failed to init file actions: " + StatusText(status);
-    return -1;
-  }
-  for (int descriptor : kSharedDescriptors) {
-    status = ZelkuserCompat_SpawnFileActionsAddDup2(&fileActions, descriptor, descriptor);
-    if (status != ZELKUSER_OK) {
-      ZelkuserCompat_SpawnFileActionsDestroy(&fileActions);
+// Starts the helper with our standard input, output and error; fills
+// @p reason and returns -1 when it could not be started.
+pid_t StartHelper(const std::string& program, char* const argv[], std::string& reason) {
+  const process::Started started =
+      process::Spawner::Instance().StartSharingStandardStreams(program.c_str(), argv, environ);
+  switch (started.failedStep) {
+    case process::StartStep::None: return started.pid;
+    case process::StartStep::PrepareSpawn:
+      reason = "failed to init file actions: " + StatusText(started.error);
+      break;
+    case process::StartStep::ShareStream:
       // No separator before the status text: the reason reads this way.
-      reason = "failed to add dup2 file actions" + StatusText(status);
-      return -1;
-    }
+      reason = "failed to add dup2 file actions" + StatusText(started.error);
+      break;
+    case process::StartStep::Spawn: reason = "failed to spawn: " + StatusText(started.error); break;
   }
-  pid_t pid = -1;
-  status = ZelkuserCompat_Spawn(&pid, program.c_str(), &fileActions, argv, environ);
-  ZelkuserCompat_SpawnFileActionsDestroy(&fileActions);
-  if (status != ZELKUSER_OK) {
-    reason = "failed to spawn: " + StatusText(status);
-    return -1;
-  }
-  return pid;
+  return -1;
 }
 
 // Waits for the helper; the reason its method failed, or empty when it
-// exited with status 0. An interrupted wait is retried: it says nothing
-// about the helper.
+// exited with status 0.
 std::string WaitForHelper(pid_t pid) {
-  int status = 0;
-  pid_t waited;
-  do {
-    waited = waitpid(pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
-  if (waited < 0) {
-    return "failed to read exit status";
-  }
-  if (WIFEXITED(status)) {
-    return WEXITSTATUS(status) == 0 ? ""
-                                    : "exited with code " + std::to_string(WEXITSTATUS(status));
-  }
-  if (WIFSIGNALED(status)) {
-    return "exited with signal: " + std::to_string(WTERMSIG(status));
+  const process::ExitStatus status = process::Spawner::Instance().Wait(pid);
+  switch (status.How()) {
+    case process::ExitStatus::Kind::Exited:
+      return status.Code() == 0 ? "" : "exited with code " + std::to_string(status.Code());
+    case process::ExitStatus::Kind::Killed:
+      return "exited with signal: " + std::to_string(status.Signal());
+    case process::ExitStatus::Kind::NotCollected: return "failed to read exit status";
+    case process::ExitStatus::Kind::Other: break;
   }
   return "exited: <unknown failure>";
 }
@@ -209,7 +180,7 @@ NativePlugin::NativePlugin(std::string name, std::string libraryPath, std::strin
   apiVersion = static_cast<std::int32_t>(metadata->api_version);
   if (metadata->api_version < ORVANE_PLUGIN_API_VERSION_MIN ||
       metadata->api_version > ORVANE_PLUGIN_API_VERSION_MAX) {
-    dlclose(handle);
+    process::CloseSharedObject(handle);
     throw InvalidPluginException(this->libraryPath, "Unsupported API version");
   }
 
@@ -249,7 +220,7 @@ void NativePlugin::RunNativeMethod(const std::string& method) {
   char* const argv[] = {program.data(), library.data(), pluginName.data(), methodName.data(),
                         nullptr};
   std::string reason;
-  const pid_t pid = SpawnSharingStandardDescriptors(program, argv, reason);
+  const pid_t pid = StartHelper(program, argv, reason);
   if (pid >= 0) {
     reason = WaitForHelper(pid);
   }

@@ -1,15 +1,13 @@
 #include "ProgramRunner.h"
 
-#include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <set>
+
+#include "process/Spawner.h"
 
 extern char** environ;
 
@@ -47,41 +45,6 @@ std::vector<char*> PointersTo(std::vector<std::string>& strings) {
   return pointers;
 }
 
-/// Spawn attributes and file actions that give the program a clean start,
-/// released when they go out of scope.
-class SpawnSettings {
- public:
-  SpawnSettings() {
-    posix_spawnattr_init(&attributes_);
-    posix_spawn_file_actions_init(&fileActions_);
-    // The caller may ignore SIGPIPE or block signals in its thread; the
-    // program should start as if from a fresh shell.
-    sigset_t allSignals;
-    sigfillset(&allSignals);
-    posix_spawnattr_setsigdefault(&attributes_, &allSignals);
-    sigset_t noSignals;
-    sigemptyset(&noSignals);
-    posix_spawnattr_setsigmask(&attributes_, &noSignals);
-    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    // Sockets and files the caller opened without close-on-exec (such as a
-    // client connection) must not outlive the caller inside the program.
-    posix_spawn_file_actions_addclosefrom_np(&fileActions_, STDERR_FILENO + 1);
-  }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&fileActions_);
-    posix_spawnattr_destroy(&attributes_);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-  const posix_spawnattr_t* Attributes() const { return &attributes_; }
-  const posix_spawn_file_actions_t* FileActions() const { return &fileActions_; }
-
- private:
-  posix_spawnattr_t attributes_;
-  posix_spawn_file_actions_t fileActions_;
-};
-
 }  // namespace
 
 ProgramResult RunProgram(const std::vector<std::string>& argv,
@@ -102,26 +65,29 @@ ProgramResult RunProgram(const std::vector<std::string>& argv,
   std::cerr.flush();
   std::fflush(nullptr);
 
-  SpawnSettings settings;
-  pid_t child = -1;
-  int error =
-      posix_spawnp(&child, argumentPointers[0], settings.FileActions(), settings.Attributes(),
-                   argumentPointers.data(), environmentPointers.data());
-  if (error != 0) {
-    result.startError = std::strerror(error);
+  // The program starts as if from a fresh shell (the caller may ignore
+  // SIGPIPE or block signals in its thread), and sockets and files the
+  // caller opened without close-on-exec (such as a client connection) do
+  // not outlive the caller inside it.
+  process::Program program;
+  program.arguments = argumentPointers.data();
+  program.environment = environmentPointers.data();
+  program.searchPath = true;
+  program.defaultSignals = true;
+  const process::RunResult run = process::Spawner::Instance().Run(program);
+  if (!run.Started()) {
+    result.startError = std::strerror(run.startError);
     return result;
   }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) {
-      result.startError = std::string("cannot wait for it: ") + std::strerror(errno);
-      return result;
-    }
+  if (!run.status.Collected()) {
+    result.startError = std::string("cannot wait for it: ") + std::strerror(run.status.WaitError());
+    return result;
   }
-  if (WIFSIGNALED(status)) {
-    result.signal = WTERMSIG(status);
+  // Anything but a signal is read as an exit status, as the wait word gives it.
+  if (run.status.Killed()) {
+    result.signal = run.status.Signal();
   } else {
-    result.exitStatus = WEXITSTATUS(status);
+    result.exitStatus = WEXITSTATUS(run.status.WaitStatus());
   }
   return result;
 }

@@ -16,9 +16,11 @@
 #include <vector>
 
 #include "DaemonTestSupport.h"
+#include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
 #include "ZelkKernel/ProcessExitWatch.h"
 #include "log/Log.h"
+#include "orvaner/DaemonCommandRunner.h"
 #include "orvaner/DaemonPlugin.h"
 #include "orvaner/Exception.h"
 
@@ -381,6 +383,79 @@ TEST_F(DaemonCommandRunnerTest, RootDirectoryOnDescriptorZeroIsABrokenInvariant)
         RunDaemonCommand("daemon", script + " start");
       },
       "VERIFY apps/orvane/orvaner/DaemonPlugin:86");
+}
+
+// ---- outcomes without processes
+
+TEST_F(DaemonCommandRunnerTest, CommandIsStartedInTheRootDirectoryAndPolledUntilItEnds) {
+  DaemonOptionsScope options(true, 5);
+  unit_testing::FakeSpawner spawner;
+  spawner.polls = {std::nullopt, std::nullopt, process::ExitStatus::ExitedWith(0)};
+  CountedPauses pauses;
+  EXPECT_EQ(Failure("/etc/init.d/ntpd   start"), "");
+  const std::vector<std::string> calls = spawner.Calls();
+  ASSERT_EQ(calls.size(), 4u);
+  EXPECT_THAT(calls[0], ::testing::MatchesRegex("start in [0-9]+ /etc/init.d/ntpd start"));
+  const std::string poll = "poll " + std::to_string(unit_testing::FakeSpawner::kFakePid);
+  EXPECT_EQ(calls[1], poll);
+  EXPECT_EQ(calls[2], poll);
+  EXPECT_EQ(calls[3], poll);
+  EXPECT_EQ(pauses.Count(), 2u);
+}
+
+TEST_F(DaemonCommandRunnerTest, ScriptThatFailsIsReportedWithItsStatusWithoutAProcess) {
+  DaemonOptionsScope options(true, 5);
+  unit_testing::FakeSpawner spawner;
+  spawner.polls = {process::ExitStatus::ExitedWith(6)};
+  EXPECT_EQ(Failure("/etc/init.d/ntpd start"),
+            "Execution of command: /etc/init.d/ntpd start failed with status: 6");
+}
+
+TEST_F(DaemonCommandRunnerTest, ScriptKilledBySignalIsReportedWithoutAProcess) {
+  DaemonOptionsScope options(false, 5);
+  unit_testing::FakeSpawner spawner;
+  spawner.polls = {std::nullopt, process::ExitStatus::KilledBy(SIGTERM)};
+  PauseScope noPause([](const ProcessExitWatch&, std::chrono::microseconds) {});
+  EXPECT_EQ(Failure("/etc/init.d/ntpd stop"),
+            "Execution of command: /etc/init.d/ntpd stop failed with signal: 15");
+}
+
+TEST_F(DaemonCommandRunnerTest, ScriptStatusThatCannotBeCollectedIsAnUnknownErrorWithoutAProcess) {
+  DaemonOptionsScope options(true, 5);
+  unit_testing::FakeSpawner spawner;
+  spawner.polls = {process::ExitStatus::NotCollected(ECHILD)};
+  EXPECT_EQ(Failure("/etc/init.d/ntpd start"),
+            "Execution of command: /etc/init.d/ntpd start failed <unknown_error>");
+}
+
+TEST_F(DaemonCommandRunnerTest, ScriptStillRunningAfterTheTimeOutTimesOutWithoutAProcess) {
+  DaemonOptionsScope options(true, 2);
+  unit_testing::FakeSpawner spawner;  // every poll: still running
+  std::atomic<unsigned> pauses{0};
+  PauseScope counted([&pauses](const ProcessExitWatch&, std::chrono::microseconds) { ++pauses; });
+  EXPECT_EQ(Failure("/etc/init.d/slow start"),
+            "Execution of command: '/etc/init.d/slow start' timed out.");
+  EXPECT_EQ(pauses.load(), 200u);
+  EXPECT_EQ(spawner.Calls().size(), 201u);  // the start and one poll per period
+}
+
+TEST_F(DaemonCommandRunnerTest, ScriptStillRunningWithoutWaitIsTakenAsStartedWithoutAProcess) {
+  DaemonOptionsScope options(false, 2);
+  unit_testing::FakeSpawner spawner;
+  std::atomic<unsigned> pauses{0};
+  PauseScope counted([&pauses](const ProcessExitWatch&, std::chrono::microseconds) { ++pauses; });
+  EXPECT_EQ(Failure("/etc/init.d/slow start"), "");
+  EXPECT_EQ(pauses.load(), 1000u);
+}
+
+TEST_F(DaemonCommandRunnerTest, ScriptThatCannotBeStartedNamesTheLineAndTheErrorWithoutAProcess) {
+  DaemonOptionsScope options(true, 5);
+  unit_testing::FakeSpawner spawner;
+  spawner.startFailure = process::StartStep::Spawn;
+  spawner.startError = ENOEXEC;
+  EXPECT_EQ(Failure("/etc/init.d/broken start"),
+            "failed to ForkExec '/etc/init.d/broken start' : Exec format error");
+  EXPECT_EQ(spawner.Calls().size(), 1u) << "nothing to poll";
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
 #include "orvaner/BarrierRegistry.h"
@@ -196,6 +197,35 @@ TEST_F(DebugPluginTest, HasNoHostProfileStep) {
   } catch (const NotImplementedException& error) {
     EXPECT_STREQ(error.what(), "method `DebugPlugin::ApplyHostProfile' is not implemented");
   }
+}
+
+// ---- outcomes of the shell, without processes
+
+TEST_F(DebugPluginTest, StartHandsTheCommandToTheShellOnce) {
+  unit_testing::FakeSpawner spawner;
+  EXPECT_EQ(StartLogged("inj", "echo hi > /somewhere"), "");
+  EXPECT_THAT(spawner.Calls(), ElementsAre("shell echo hi > /somewhere"));
+}
+
+TEST_F(DebugPluginTest, ShellExitingWithTwoLogsTheStatusWordWithoutAProcess) {
+  unit_testing::FakeSpawner spawner;
+  spawner.shellStatus = process::ExitStatus::ExitedWith(2);
+  EXPECT_THAT(StartLogged("two", "anything"),
+              ::testing::EndsWith("debug injection 'two' returned 0x000200\n"));
+}
+
+TEST_F(DebugPluginTest, ShellKilledBySignalLogsTheStatusWordWithoutAProcess) {
+  unit_testing::FakeSpawner spawner;
+  spawner.shellStatus = process::ExitStatus::KilledBy(SIGSEGV);
+  EXPECT_THAT(StartLogged("segv", "anything"),
+              ::testing::EndsWith("debug injection 'segv' returned 0x00000b\n"));
+}
+
+TEST_F(DebugPluginTest, ShellThatCannotBeRunLogsMinusOneWithoutAProcess) {
+  unit_testing::FakeSpawner spawner;
+  spawner.shellStatus = process::ExitStatus::NotCollected(EAGAIN);
+  EXPECT_THAT(StartLogged("nofork", "anything"),
+              ::testing::EndsWith("debug injection 'nofork' returned 0xffffffff\n"));
 }
 
 }  // namespace

@@ -9,13 +9,16 @@
 #include <stdexcept>
 #include <string>
 
+#include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
 #include "orvaner/InitMode.h"
 
 namespace orvane {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 /// Stand-ins for the daemons and the upgrade script in a scratch directory,
@@ -248,6 +251,34 @@ TEST(EndBootConfigurationTest, ExceptionsOfUnknownTypeAreLoggedWithoutText) {
 
 TEST(EndBootConfigurationTest, TheLinuxStoreNeverThrows) {
   EXPECT_EQ(EndConfiguration(QorConfigStore::EndAutoConf, QorConfigStore::CleanupBootState), "");
+}
+
+// ---- the upgrade script's outcomes, without processes
+
+TEST_F(InitModeTest, UpgradeScriptThatCannotBeRunIsReportedByItsPath) {
+  directory_.Write("syslog.conf", "");
+  unit_testing::FakeSpawner spawner;
+  spawner.shellStatus = process::ExitStatus::NotCollected(EAGAIN);
+  const std::string logged = Reload();
+  EXPECT_THAT(logged, HasSubstr("failed to call " + upgradeScript_ + "\n"));
+  EXPECT_THAT(spawner.Calls(), ElementsAre("shell " + upgradeScript_));
+}
+
+TEST_F(InitModeTest, UpgradeScriptThatFailsOrIsKilledIsNotReported) {
+  directory_.Write("syslog.conf", "");
+  for (const process::ExitStatus& status :
+       {process::ExitStatus::ExitedWith(1), process::ExitStatus::KilledBy(SIGKILL)}) {
+    unit_testing::FakeSpawner spawner;
+    spawner.shellStatus = status;
+    EXPECT_THAT(Reload(), Not(HasSubstr("failed to call"))) << status.Text();
+    EXPECT_THAT(spawner.Calls(), ElementsAre("shell " + upgradeScript_));
+  }
+}
+
+TEST_F(InitModeTest, WithoutSyslogConfNoShellIsRun) {
+  unit_testing::FakeSpawner spawner;
+  Reload();
+  EXPECT_THAT(spawner.Calls(), IsEmpty());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "DaemonTestSupport.h"
+#include "FakeSpawner.h"
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
 #include "orvaner/BarrierRegistry.h"
@@ -158,6 +159,43 @@ TEST_F(InitdDiscoveryTest, DiscoveredDaemonsStartLevelByLevel) {
   ::testing::internal::GetCapturedStderr();
   ReplaceAlertLogSink({});
   EXPECT_EQ(directory.Read("record"), "start a\nstart a2\nstart b\nstart c\n");
+}
+
+// ---- the listing's outcomes, without processes
+
+TEST_F(InitdDiscoveryTest, ListingThatCannotBeStartedThrowsAndCreatesNothing) {
+  unit_testing::FakeSpawner spawner;
+  spawner.shellOutput.started = false;
+  try {
+    DiscoverInitdDaemons("/bin/chkconfig -p", registry);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const Exception& error) {
+    EXPECT_STREQ(error.what(), "Failed obtaining list of init.d scripts");
+  }
+  EXPECT_THAT(spawner.Calls(), ElementsAre("read /bin/chkconfig -p (at most 1048576)"));
+}
+
+TEST_F(InitdDiscoveryTest, ListingThatCannotBeReadIsRefusedWithTheReason) {
+  unit_testing::FakeSpawner spawner;
+  spawner.shellOutput.output.status = hostfile::ReadStatus::ReadFailed;
+  spawner.shellOutput.output.error = EIO;
+  try {
+    DiscoverInitdDaemons("/bin/chkconfig -p", registry);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const Exception& error) {
+    EXPECT_STREQ(error.what(),
+                 "cannot use the init.d listing of '/bin/chkconfig -p': cannot be read: "
+                 "Input/output error");
+  }
+}
+
+TEST_F(InitdDiscoveryTest, ListingReadWithoutAProcessBecomesDaemonsInStartOrder) {
+  unit_testing::FakeSpawner spawner;
+  spawner.shellOutput.output.text = "/etc/init.d/b 20\n/etc/init.d/wexd 1\n/etc/init.d/a 10\n";
+  ::testing::internal::CaptureStderr();
+  auto plugins = DiscoverInitdDaemons("/bin/chkconfig -p", registry);
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(Names(plugins), ElementsAre("a", "b"));
 }
 
 }  // namespace

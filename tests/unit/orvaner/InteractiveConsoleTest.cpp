@@ -18,6 +18,7 @@
 #include <sstream>
 #include <thread>
 
+#include "FakeSpawner.h"
 #include "log/Log.h"
 #include "orvaner/InteractiveConsole.h"
 
@@ -327,6 +328,21 @@ TEST_F(InteractiveConsoleTest, ShellThatCannotBeStartedIsLoggedAndTheLineStillEr
   EXPECT_THAT(::testing::internal::GetCapturedStderr(),
               HasSubstr("unable to exec shell: No such file or directory\n"));
   EXPECT_EQ(output.Text(), "\x1b[2K");
+}
+
+TEST_F(InteractiveConsoleTest, ShellThatCannotBeForkedIsLoggedAndNothingIsErased) {
+  KeyPipe commands("");
+  CapturedOutput output;
+  InteractiveConsole console(Devices(commands.ReadEnd(), output.Stream(), "/bin/dash"));
+  unit_testing::FakeSpawner spawner;
+  spawner.runResult.startError = EAGAIN;
+  ::testing::internal::CaptureStderr();
+  console.RunTroubleshootingShell();
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              HasSubstr("failed to fork - unable to launch troubleshooting shell: Resource "
+                        "temporarily unavailable\n"));
+  EXPECT_EQ(output.Text(), "");
+  EXPECT_EQ(spawner.Calls(), std::vector<std::string>{"session /bin/dash"});
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
 #include "ZelkuserCompat/Spawn.h"
 #include "log/Log.h"
@@ -447,6 +448,9 @@ TEST_F(NativePluginTest, FileActionsThatCannotBeCreatedAreTheReason) {
 
 TEST_F(NativePluginTest, DescriptorThatCannotBeSharedIsTheReasonWithoutSeparator) {
   NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  // UndefinedBehaviorSanitizer checks the spawner's type at its first
+  // virtual call and needs descriptors for that; that call comes first.
+  process::Spawner::Instance().Poll(unit_testing::FakeSpawner::kFakePid);
   // With room for two descriptors only, standard error cannot be handed on.
   rlimit previous{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &previous), 0);
@@ -644,6 +648,77 @@ TEST_F(NativePluginLoadingTest, LoadingGoesOnAfterABrokenObject) {
                               directory + "/missing.so' is invalid: " + directory +
                               "/missing.so: cannot open shared object file: No such file or "
                               "directory"));
+}
+
+// ---- the helper's outcomes, without processes
+
+TEST_F(NativePluginTest, HelperIsStartedWithItsArgumentsAndWaitedFor) {
+  NativePlugin& plugin = Load("host_profile", ORVANE_TEST_PLUGIN_HOST_PROFILE);
+  unit_testing::FakeSpawner spawner;
+  EXPECT_NO_THROW(plugin.Start());
+  const std::string fakePid = std::to_string(unit_testing::FakeSpawner::kFakePid);
+  EXPECT_THAT(spawner.Calls(),
+              ElementsAre(std::string("start ") + kNativeExecutor +
+                              " " ORVANE_TEST_PLUGIN_HOST_PROFILE " host_profile start",
+                          "wait " + fakePid));
+}
+
+TEST_F(NativePluginTest, HelperExitCodesAreTheReasonWithoutProcesses) {
+  NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  unit_testing::FakeSpawner spawner;
+  for (int code : {1, 2, 3, 255}) {
+    spawner.waitStatus = process::ExitStatus::ExitedWith(code);
+    EXPECT_EQ(MethodFailure([&] { plugin.Start(); }),
+              "native_first->start() failed: exited with code " + std::to_string(code));
+  }
+}
+
+TEST_F(NativePluginTest, HelperKilledBySignalIsTheReasonWithoutProcesses) {
+  NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  unit_testing::FakeSpawner spawner;
+  spawner.waitStatus = process::ExitStatus::KilledBy(SIGABRT);
+  EXPECT_EQ(MethodFailure([&] { plugin.Start(); }),
+            "native_first->start() failed: exited with signal: 6");
+}
+
+TEST_F(NativePluginTest, HelperStatusThatIsNeitherExitNorSignalIsUnknownWithoutProcesses) {
+  NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  unit_testing::FakeSpawner spawner;
+  spawner.waitStatus = process::ExitStatus::FromWaitStatus(0x137f);  // stopped by SIGSTOP
+  EXPECT_EQ(MethodFailure([&] { plugin.Start(); }),
+            "native_first->start() failed: exited: <unknown failure>");
+}
+
+TEST_F(NativePluginTest, HelperStatusThatCannotBeCollectedIsTheReasonWithoutProcesses) {
+  NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  unit_testing::FakeSpawner spawner;
+  spawner.waitStatus = process::ExitStatus::NotCollected(ECHILD);
+  EXPECT_EQ(MethodFailure([&] { plugin.Start(); }),
+            "native_first->start() failed: failed to read exit status");
+}
+
+TEST_F(NativePluginTest, EachStartStepThatFailsHasItsOwnReasonAndNothingIsWaitedFor) {
+  NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
+  const struct {
+    process::StartStep step;
+    int error;
+    const char* reason;
+  } cases[] = {
+      {process::StartStep::PrepareSpawn, ENOMEM,
+       "failed to init file actions: Cannot allocate memory"},
+      {process::StartStep::ShareStream, EBADF,
+       "failed to add dup2 file actionsBad file descriptor"},
+      {process::StartStep::Spawn, EACCES, "failed to spawn: Permission denied"},
+  };
+  for (const auto& failure : cases) {
+    unit_testing::FakeSpawner spawner;
+    spawner.startFailure = failure.step;
+    spawner.startError = failure.error;
+    EXPECT_EQ(MethodFailure([&] { plugin.Start(); }),
+              std::string("native_first->start() failed: ") + failure.reason);
+    ASSERT_EQ(spawner.Calls().size(), 1u);
+    EXPECT_THAT(spawner.Calls()[0], ::testing::StartsWith("start "));
+  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // sandboxed host's socket path.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdint>
@@ -10,8 +11,10 @@
 #include <string>
 
 #include "CppTools/AutoCli/Dispatcher.h"
+#include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
+#include "orvaner/Exception.h"
 #include "orvaner/QorcliExecutor.h"
 
 namespace orvane {
@@ -72,6 +75,61 @@ TEST_F(AnswerRequestTest, UnknownCommandIsAnExecutionErrorAnsweredOne) {
 }
 
 TEST_F(AnswerRequestTest, HelpIsAnsweredZero) { EXPECT_EQ(Answer("test --help"), 0); }
+
+// ---- starting the executor process, without processes
+
+/// The message of the Exception that Reset throws, "" when it returned.
+std::string ResetFailure() {
+  try {
+    QorcliExecutor::Instance().Reset();
+    return "";
+  } catch (const Exception& error) {
+    return error.what();
+  }
+}
+
+class ExecutorResetTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const int running = QorcliExecutor::Instance().Connect(false);
+    if (running >= 0) {
+      ::close(running);
+      GTEST_SKIP() << "an executor answers on this machine's control socket";
+    }
+  }
+  unit_testing::FakeSpawner spawner;
+};
+
+TEST_F(ExecutorResetTest, ChildThatReportsReadyIsAStartedExecutor) {
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(ResetFailure(), "");
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(spawner.Calls(), std::vector<std::string>{"child"});
+}
+
+TEST_F(ExecutorResetTest, ForkThatFailsIsReportedWithoutSeparator) {
+  spawner.runResult.startError = EAGAIN;
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(ResetFailure(), "Failed to forkResource temporarily unavailable");
+  ::testing::internal::GetCapturedStderr();
+}
+
+TEST_F(ExecutorResetTest, StatusThatCannotBeCollectedIsReported) {
+  spawner.runResult.status = process::ExitStatus::NotCollected(ECHILD);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(ResetFailure(), "Failed collecting executor's exit status");
+  ::testing::internal::GetCapturedStderr();
+}
+
+TEST_F(ExecutorResetTest, ChildThatFailsOrIsKilledIsAFailedStart) {
+  for (const process::ExitStatus& status :
+       {process::ExitStatus::ExitedWith(255), process::ExitStatus::KilledBy(SIGKILL)}) {
+    spawner.runResult.status = status;
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(ResetFailure(), "Orvane executor failed to start") << status.Text();
+    ::testing::internal::GetCapturedStderr();
+  }
+}
 
 }  // namespace
 }  // namespace orvane
