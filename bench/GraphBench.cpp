@@ -16,10 +16,10 @@
 #include <utility>
 #include <vector>
 
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/Executor.h"
-#include "orvaner/Plugin.h"
-#include "orvaner/PriorityBarrier.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/PriorityBarrier.h"
+#include "orvaner/plugins/Plugin.h"
 
 namespace orvane {
 namespace {

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/JSONPlugin.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/plugins/JSONPlugin.h"
 
 namespace orvane {
 namespace {

@@ -17,13 +17,13 @@
 #include <string>
 #include <vector>
 
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/Logging.h"
-#include "orvaner/Plugin.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/RunRecord.h"
-#include "orvaner/RunState.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/plugins/LoadedPlugins.h"
+#include "orvaner/plugins/Plugin.h"
+#include "orvaner/run/Logging.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/RunRecord.h"
+#include "orvaner/run/RunState.h"
 
 namespace orvane {
 namespace {

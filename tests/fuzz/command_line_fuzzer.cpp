@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "orvaner/CommandLine.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/RunState.h"
+#include "orvaner/run/CommandLine.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/RunState.h"
 
 namespace {
 

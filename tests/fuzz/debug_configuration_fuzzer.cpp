@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "FuzzSupport.h"
-#include "orvaner/DebugConfiguration.h"
+#include "orvaner/plugins/DebugConfiguration.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzzing::SilenceLogging();

@@ -16,7 +16,7 @@
 #include "CppTools/AutoCli/Dispatcher.h"
 #include "CppTools/AutoCli/OptionParser.h"
 #include "FuzzSupport.h"
-#include "orvaner/QorcliExecutor.h"
+#include "orvaner/cli/QorcliExecutor.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <memory>
 
 #include "FuzzSupport.h"
-#include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
-#include "orvaner/JSONPlugin.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/plugins/JSONPlugin.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "FuzzSupport.h"
 #include "orvaner/Exception.h"
-#include "orvaner/RunOnceRecord.h"
+#include "orvaner/run/RunOnceRecord.h"
 
 namespace {
 

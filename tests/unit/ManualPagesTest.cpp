@@ -11,7 +11,7 @@
 #include <sstream>
 #include <string>
 
-#include "orvaner/CommandLine.h"
+#include "orvaner/run/CommandLine.h"
 
 namespace orvane::testing {
 namespace {

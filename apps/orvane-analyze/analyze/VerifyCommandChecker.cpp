@@ -9,7 +9,7 @@
 #include "CppTools/AutoCli/Dispatcher.h"
 #include "CppTools/AutoCli/OptionParser.h"
 #include "orvane/FixedPaths.h"
-#include "orvaner/QorcliExecutor.h"
+#include "orvaner/cli/QorcliExecutor.h"
 
 namespace orvane::analyze {
 namespace {

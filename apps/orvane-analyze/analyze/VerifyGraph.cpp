@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "analyze/VerifyCycleFinder.h"
-#include "orvaner/GraphLock.h"
-#include "orvaner/InitBarrier.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/graph/InitBarrier.h"
 
 namespace orvane::analyze {
 namespace {

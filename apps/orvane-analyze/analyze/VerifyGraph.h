@@ -7,8 +7,8 @@
 
 #include "analyze/VerifyLoader.h"
 #include "analyze/VerifyReport.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/Node.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Node.h"
 
 namespace orvane::analyze {
 

@@ -11,13 +11,13 @@
 
 #include "hostfile/HostFile.h"
 #include "orvane/FixedPaths.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/GraphLock.h"
-#include "orvaner/JSONPlugin.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/NativePlugin.h"
-#include "orvaner/Node.h"
-#include "orvaner/PluginEnumeration.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/graph/Node.h"
+#include "orvaner/plugins/JSONPlugin.h"
+#include "orvaner/plugins/LoadedPlugins.h"
+#include "orvaner/plugins/NativePlugin.h"
+#include "orvaner/run/PluginEnumeration.h"
 
 namespace orvane::analyze {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "TemporaryDirectory.h"
 #include "analyze/Verify.h"
-#include "orvaner/BarrierRegistry.h"
+#include "orvaner/graph/BarrierRegistry.h"
 
 namespace orvane::analyze::testing {
 namespace {

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include "GraphTestSupport.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/Executor.h"
-#include "orvaner/GraphLock.h"
-#include "orvaner/InitBarrier.h"
-#include "orvaner/PriorityBarrier.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/graph/InitBarrier.h"
+#include "orvaner/graph/PriorityBarrier.h"
 
 namespace orvane::testing {
 namespace {

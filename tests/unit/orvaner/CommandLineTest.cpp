@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "orvaner/CommandLine.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/RunState.h"
+#include "orvaner/run/CommandLine.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/RunState.h"
 
 namespace orvane {
 namespace {

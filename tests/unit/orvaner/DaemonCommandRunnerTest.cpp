@@ -20,9 +20,9 @@
 #include "TemporaryDirectory.h"
 #include "ZelkKernel/ProcessExitWatch.h"
 #include "log/Log.h"
-#include "orvaner/DaemonCommandRunner.h"
-#include "orvaner/DaemonPlugin.h"
 #include "orvaner/Exception.h"
+#include "orvaner/plugins/DaemonCommandRunner.h"
+#include "orvaner/plugins/DaemonPlugin.h"
 
 namespace orvane::testing {
 namespace {

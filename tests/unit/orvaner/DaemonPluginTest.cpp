@@ -10,11 +10,11 @@
 #include "DaemonTestSupport.h"
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
-#include "orvaner/DaemonPlugin.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/Logging.h"
-#include "orvaner/RunOptions.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/plugins/DaemonPlugin.h"
+#include "orvaner/run/Logging.h"
+#include "orvaner/run/RunOptions.h"
 
 namespace orvane::testing {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
-#include "orvaner/DebugConfiguration.h"
+#include "orvaner/plugins/DebugConfiguration.h"
 
 namespace orvane {
 namespace {

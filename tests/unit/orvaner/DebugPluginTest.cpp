@@ -16,12 +16,12 @@
 #include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/DebugPlugin.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/Logging.h"
-#include "orvaner/RunOptions.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/plugins/DebugPlugin.h"
+#include "orvaner/run/Logging.h"
+#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -5,9 +5,9 @@
 #include <sstream>
 
 #include "GraphTestSupport.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/DependencyDump.h"
-#include "orvaner/PriorityBarrier.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/DependencyDump.h"
+#include "orvaner/graph/PriorityBarrier.h"
 
 namespace orvane::testing {
 namespace {

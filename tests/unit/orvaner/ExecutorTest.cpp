@@ -11,8 +11,8 @@
 
 #include "GraphTestSupport.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/GraphLock.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/GraphLock.h"
 
 namespace orvane::testing {
 namespace {

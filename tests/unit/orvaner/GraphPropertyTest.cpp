@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "RandomGraph.h"
-#include "orvaner/Executor.h"
-#include "orvaner/GraphLock.h"
-#include "orvaner/SystemAlert.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "log/Log.h"
-#include "orvaner/Node.h"
-#include "orvaner/Plugin.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/SystemAlert.h"
+#include "orvaner/graph/Node.h"
+#include "orvaner/plugins/Plugin.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/SystemAlert.h"
 
 namespace orvane::testing {
 

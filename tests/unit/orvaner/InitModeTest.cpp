@@ -11,7 +11,7 @@
 
 #include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
-#include "orvaner/InitMode.h"
+#include "orvaner/run/InitMode.h"
 
 namespace orvane {
 namespace {

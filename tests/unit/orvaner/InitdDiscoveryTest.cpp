@@ -7,13 +7,13 @@
 #include "FakeSpawner.h"
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
-#include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/InitdDiscovery.h"
-#include "orvaner/LegacyDaemonPlugin.h"
-#include "orvaner/Logging.h"
-#include "orvaner/PriorityBarrier.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/PriorityBarrier.h"
+#include "orvaner/plugins/InitdDiscovery.h"
+#include "orvaner/plugins/LegacyDaemonPlugin.h"
+#include "orvaner/run/Logging.h"
 
 namespace orvane::testing {
 namespace {

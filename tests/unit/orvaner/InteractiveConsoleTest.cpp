@@ -20,7 +20,7 @@
 
 #include "FakeSpawner.h"
 #include "log/Log.h"
-#include "orvaner/InteractiveConsole.h"
+#include "orvaner/plugins/InteractiveConsole.h"
 
 namespace orvane::testing {
 namespace {

@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "GraphTestSupport.h"
-#include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
-#include "orvaner/LegacyDaemonPlugin.h"
-#include "orvaner/PriorityBarrier.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/PriorityBarrier.h"
+#include "orvaner/plugins/LegacyDaemonPlugin.h"
 
 namespace orvane::testing {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "log/Log.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Logging.h"
+#include "orvaner/run/Logging.h"
 
 namespace orvane {
 namespace {

@@ -21,15 +21,15 @@
 #include "TemporaryDirectory.h"
 #include "ZelkuserCompat/Spawn.h"
 #include "log/Log.h"
-#include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/Logging.h"
-#include "orvaner/NativePlugin.h"
-#include "orvaner/PluginEnumeration.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/SystemAlert.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/plugins/LoadedPlugins.h"
+#include "orvaner/plugins/NativePlugin.h"
+#include "orvaner/run/Logging.h"
+#include "orvaner/run/PluginEnumeration.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {

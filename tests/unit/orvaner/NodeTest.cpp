@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include "GraphTestSupport.h"
-#include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/InitBarrier.h"
-#include "orvaner/Node.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/InitBarrier.h"
+#include "orvaner/graph/Node.h"
 
 namespace orvane::testing {
 namespace {

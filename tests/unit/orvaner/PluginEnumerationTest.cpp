@@ -15,13 +15,13 @@
 
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/DebugPlugin.h"
-#include "orvaner/JSONPlugin.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/PluginEnumeration.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/SystemAlert.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/plugins/DebugPlugin.h"
+#include "orvaner/plugins/JSONPlugin.h"
+#include "orvaner/plugins/LoadedPlugins.h"
+#include "orvaner/run/PluginEnumeration.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {

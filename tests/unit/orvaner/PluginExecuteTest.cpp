@@ -14,12 +14,12 @@
 
 #include "GraphTestSupport.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Executor.h"
-#include "orvaner/GraphLock.h"
-#include "orvaner/HostProfile.h"
-#include "orvaner/InteractiveConsole.h"
-#include "orvaner/Logging.h"
-#include "orvaner/Plugin.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/plugins/HostProfile.h"
+#include "orvaner/plugins/InteractiveConsole.h"
+#include "orvaner/plugins/Plugin.h"
+#include "orvaner/run/Logging.h"
 
 namespace orvane::testing {
 namespace {

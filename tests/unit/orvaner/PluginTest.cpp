@@ -3,7 +3,7 @@
 
 #include "GraphTestSupport.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Plugin.h"
+#include "orvaner/plugins/Plugin.h"
 
 namespace orvane::testing {
 namespace {

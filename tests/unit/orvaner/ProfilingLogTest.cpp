@@ -17,7 +17,7 @@
 
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
-#include "orvaner/ProfilingLog.h"
+#include "orvaner/run/ProfilingLog.h"
 
 namespace orvane {
 namespace {

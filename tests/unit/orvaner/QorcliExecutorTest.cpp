@@ -15,7 +15,7 @@
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
-#include "orvaner/QorcliExecutor.h"
+#include "orvaner/cli/QorcliExecutor.h"
 
 namespace orvane {
 namespace {

@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "orvaner/BarrierRegistry.h"
 #include "orvaner/Exception.h"
-#include "orvaner/Plugin.h"
-#include "orvaner/PriorityBarrier.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/PriorityBarrier.h"
+#include "orvaner/plugins/Plugin.h"
 
 namespace orvane::testgraph {
 

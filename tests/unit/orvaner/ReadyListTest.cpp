@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "RandomGraph.h"
-#include "orvaner/Executor.h"
-#include "orvaner/GraphLock.h"
-#include "orvaner/ReadyList.h"
-#include "orvaner/SystemAlert.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/graph/ReadyList.h"
+#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {

@@ -10,7 +10,7 @@
 #include <iterator>
 #include <string>
 
-#include "orvaner/RedirectStdio.h"
+#include "orvaner/run/RedirectStdio.h"
 
 namespace orvane {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "TemporaryDirectory.h"
 #include "orvaner/Exception.h"
-#include "orvaner/RunOnceRecord.h"
+#include "orvaner/run/RunOnceRecord.h"
 
 namespace orvane {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "orvaner/RunOptions.h"
+#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

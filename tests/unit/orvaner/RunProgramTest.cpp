@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "TemporaryDirectory.h"
-#include "orvaner/RunProgram.h"
+#include "orvaner/run/RunProgram.h"
 
 namespace orvane {
 namespace {

@@ -12,13 +12,13 @@
 
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
-#include "orvaner/BarrierRegistry.h"
-#include "orvaner/Executor.h"
-#include "orvaner/LoadedPlugins.h"
-#include "orvaner/Logging.h"
-#include "orvaner/RunOptions.h"
-#include "orvaner/RunRecord.h"
-#include "orvaner/RunState.h"
+#include "orvaner/graph/BarrierRegistry.h"
+#include "orvaner/graph/Executor.h"
+#include "orvaner/plugins/LoadedPlugins.h"
+#include "orvaner/run/Logging.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/RunRecord.h"
+#include "orvaner/run/RunState.h"
 
 namespace orvane::testing {
 

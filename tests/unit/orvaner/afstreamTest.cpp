@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "TemporaryDirectory.h"
-#include "orvaner/afstream.h"
+#include "orvaner/run/afstream.h"
 
 namespace orvane {
 namespace {

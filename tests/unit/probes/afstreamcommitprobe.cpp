@@ -4,7 +4,7 @@
 #include <exception>
 #include <iostream>
 
-#include "orvaner/afstream.h"
+#include "orvaner/run/afstream.h"
 
 int main(int argc, char* argv[]) {
   if (argc != 2) {

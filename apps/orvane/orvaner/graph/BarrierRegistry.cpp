@@ -1,0 +1,134 @@
+#include "orvaner/graph/BarrierRegistry.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/graph/InitBarrier.h"
+#include "orvaner/graph/PriorityBarrier.h"
+
+namespace orvane {
+namespace {
+
+// The registry a ScopedInstance put in place of the process-wide one, or null.
+std::atomic<BarrierRegistry*>& ScopedRegistry() {
+  static std::atomic<BarrierRegistry*> registry{nullptr};
+  return registry;
+}
+
+}  // namespace
+
+BarrierRegistry::BarrierRegistry() = default;
+
+BarrierRegistry::~BarrierRegistry() = default;
+
+BarrierRegistry& BarrierRegistry::Instance() {
+  if (BarrierRegistry* scoped = ScopedRegistry().load()) {
+    return *scoped;
+  }
+  // Never destroyed: worker threads may still look at barriers while the
+  // process exits.
+  static auto* registry = new BarrierRegistry;
+  return *registry;
+}
+
+BarrierRegistry::ScopedInstance::ScopedInstance(BarrierRegistry& registry)
+    : previous_(ScopedRegistry().exchange(&registry)) {}
+
+BarrierRegistry::ScopedInstance::~ScopedInstance() { ScopedRegistry().store(previous_); }
+
+Node* BarrierRegistry::GetBarrier(const std::string& name, bool create) {
+  GraphLockGuard lock;
+  if (auto found = barriers_.find(name); found != barriers_.end()) {
+    return found->second;
+  }
+  if (!create) {
+    return nullptr;
+  }
+  auto barrier = std::make_unique<InitBarrier>(name);
+  Node* created = barrier.get();
+  barriers_.emplace(name, created);
+  owned_.push_back(std::move(barrier));
+  return created;
+}
+
+void BarrierRegistry::RegisterBarrier(Node& node, const std::string& name) {
+  GraphLockGuard lock;
+  barriers_[name] = &node;
+}
+
+std::deque<Node*> BarrierRegistry::ListBarriers() {
+  GraphLockGuard lock;
+  std::deque<Node*> barriers;
+  for (const auto& [name, barrier] : barriers_) {
+    barriers.push_back(barrier);
+  }
+  return barriers;
+}
+
+PriorityBarrier& BarrierRegistry::GetPriorityBarrier(std::uint32_t priority) {
+  GraphLockGuard lock;
+  // A plain barrier that a plugin happened to give this name is not a
+  // level; the new level then takes the name over.
+  if (auto* found =
+          dynamic_cast<PriorityBarrier*>(GetBarrier(PriorityBarrier::NameOf(priority), false))) {
+    return *found;
+  }
+  auto barrier = std::make_unique<PriorityBarrier>(priority);
+  PriorityBarrier& created = *barrier;
+  Adopt(std::move(barrier));
+  SpliceLevel(created);
+  return created;
+}
+
+void BarrierRegistry::SpliceLevel(PriorityBarrier& level) {
+  GraphLockGuard lock;
+  const std::uint32_t priority = level.Priority();
+  // Before any equal element, after every smaller one.
+  const auto inserted = priorityList_.insert(
+      std::lower_bound(priorityList_.begin(), priorityList_.end(), priority), priority);
+  const auto pos = static_cast<std::size_t>(inserted - priorityList_.begin());
+
+  if (pos > 0) {
+    PriorityBarrier& lower = Level(priorityList_[pos - 1]);
+    level.Requires(lower);
+    level.SetLevelBelow(&lower);
+  }
+  if (pos + 1 < priorityList_.size()) {
+    // Splicing into the middle of the chain: the level above, members and
+    // barrier, now waits for this level too. Its old edges from the level
+    // below stay; they are redundant.
+    PriorityBarrier& higher = Level(priorityList_[pos + 1]);
+    for (Node* member : higher.Members()) {
+      level.Provides(*member);
+    }
+    level.Provides(higher);
+    higher.SetLevelBelow(&level);
+  }
+  RegisterBarrier(level, level.Name());
+}
+
+PriorityBarrier& BarrierRegistry::Level(std::uint32_t priority) {
+  return static_cast<PriorityBarrier&>(*GetBarrier(PriorityBarrier::NameOf(priority), false));
+}
+
+void BarrierRegistry::Adopt(std::unique_ptr<Node> barrier) {
+  GraphLockGuard lock;
+  owned_.push_back(std::move(barrier));
+}
+
+Node* GetBarrier(const std::string& name, bool create) {
+  return BarrierRegistry::Instance().GetBarrier(name, create);
+}
+
+void RegisterBarrier(Node& node, const std::string& name) {
+  BarrierRegistry::Instance().RegisterBarrier(node, name);
+}
+
+std::deque<Node*> ListBarriers() { return BarrierRegistry::Instance().ListBarriers(); }
+
+PriorityBarrier& GetPriorityBarrier(std::uint32_t priority) {
+  return BarrierRegistry::Instance().GetPriorityBarrier(priority);
+}
+
+}  // namespace orvane

@@ -1,0 +1,44 @@
+#include "orvaner/graph/InitBarrier.h"
+
+#include <utility>
+
+#include "log/Log.h"
+#include "orvaner/graph/GraphLock.h"
+#include "orvaner/run/RunOptions.h"
+#include "orvaner/run/SystemAlert.h"
+
+namespace orvane {
+
+InitBarrier::InitBarrier(std::string name) : Node(std::move(name), kDefaultSchedulingClass) {}
+
+void InitBarrier::Execute(Executor&) {
+  std::string text;
+  {
+    GraphLockGuard lock;
+    if (!Predecessors().empty()) {
+      return;
+    }
+    text = MissingProviderText();
+  }
+  if (!RunOptions::Instance().invoke) {
+    RaiseSystemAlert(text);
+  }
+  Log_Level(LOG_LEVEL_WARNING, "%s\n", text.c_str());
+}
+
+std::string InitBarrier::DotAttributes() { return " shape=box"; }
+
+std::string InitBarrier::MissingProviderText() const {
+  GraphLockGuard lock;
+  std::string text = "Orvane dependency error: Initialization barrier \"" + Name() +
+                     "\" is not provided by any plugin but the following plugins require it: ";
+  const char* separator = "";
+  for (const Node* requirer : Successors()) {
+    text += separator;
+    text += '"' + requirer->Name() + '"';
+    separator = ", ";
+  }
+  return text;
+}
+
+}  // namespace orvane
