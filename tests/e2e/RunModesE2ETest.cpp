@@ -425,9 +425,13 @@ INSTANTIATE_TEST_SUITE_P(EveryMode, RunModesE2E, ::testing::ValuesIn(Modes()),
 // ---- a profiling log that survives a kill at any moment
 
 constexpr int kPlugins = 1500;  // enough lines that writing them takes milliseconds
-constexpr int kKills = 120;
+/// Kills during the write that the test needs to show anything, and the most
+/// kills it makes to get them: on a busy machine fewer kills land mid-write.
+constexpr int kWantedKillsDuringTheWrite = 20;
+constexpr int kMostKills = 600;
 
-/// Starts orvane again and again in one sandbox and SIGKILLs it: every
+/// Starts orvane again and again in one sandbox and SIGKILLs it, until $1
+/// kills have landed during the write or $2 kills were made: every
 /// fourth run at a random moment of a whole run, the others a random few
 /// microseconds after the temporary file of the profiling log
 /// appears. After each kill it removes the temporary file (noting that there
@@ -443,7 +447,8 @@ start=${EPOCHREALTIME/./}
 /usr/bin/orvane >/dev/null 2>&1 || exit 3
 whole=$(( ${EPOCHREALTIME/./} - start ))
 cp "$log" /tmp/snap/0
-for ((i = 1; i <= $1; i++)); do
+hits=0
+for ((i = 1; i <= $2 && hits < $1; i++)); do
   /usr/bin/orvane >/dev/null 2>&1 &
   pid=$!
   if ((i % 4 == 0)); then
@@ -467,6 +472,7 @@ for ((i = 1; i <= $1; i++)); do
   done
   rm -f "$sock"
   if [ -e "$log" ]; then cp "$log" /tmp/snap/$i; fi
+  hits=$((hits + left))
   echo "$i $way $left" >> /tmp/snap/index
 done
 )SH";
@@ -518,16 +524,20 @@ TEST(RunModesDurabilityE2E, KillingOrvaneWhileItWritesTheProfilingLogNeverLeaves
   }
   sandbox.WriteFile("/tmp/kill-loop", kKillLoop, 0755);
   RunSettings settings;
-  settings.timeout = std::chrono::seconds(120);
+  settings.timeout = std::chrono::seconds(300);
   const RunResult result =
-      sandbox.Run({"/bin/bash", "/tmp/kill-loop", std::to_string(kKills)}, settings);
+      sandbox.Run({"/bin/bash", "/tmp/kill-loop", std::to_string(kWantedKillsDuringTheWrite),
+                   std::to_string(kMostKills)},
+                  settings);
   ASSERT_FALSE(result.timedOut);
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
 
   std::string previous = sandbox.ReadFile("/tmp/snap/0");
   ASSERT_TRUE(IsWholeBootBlock(previous, kPlugins));
   const std::vector<std::string> index = Lines(sandbox.ReadFile("/tmp/snap/index"));
-  ASSERT_EQ(index.size(), static_cast<std::size_t>(kKills));
+  ASSERT_GE(index.size(), static_cast<std::size_t>(kWantedKillsDuringTheWrite));
+  ASSERT_LE(index.size(), static_cast<std::size_t>(kMostKills));
+  const int kills = static_cast<int>(index.size());
   int temporaryLeft = 0;
   int replaced = 0;
   int untouched = 0;
@@ -552,9 +562,9 @@ TEST(RunModesDurabilityE2E, KillingOrvaneWhileItWritesTheProfilingLogNeverLeaves
   std::printf(
       "kills: %d; during the write (temporary file left behind): %d; "
       "log replaced by a new whole block: %d; log left as it was: %d\n",
-      kKills, temporaryLeft, replaced, untouched);
+      kills, temporaryLeft, replaced, untouched);
   // The kills must really hit the write, or this test shows nothing.
-  EXPECT_GE(temporaryLeft, kKills / 6);
+  EXPECT_GE(temporaryLeft, kWantedKillsDuringTheWrite);
 }
 
 }  // namespace
