@@ -8,33 +8,10 @@
 #include <cerrno>
 #include <vector>
 
+#include "ZelkKernel/SpawnSettings.h"
+
 namespace ZelkKernel {
 namespace {
-
-/// posix_spawn's attributes and file actions, destroyed on every way out.
-class SpawnPlan {
- public:
-  SpawnPlan() {
-    attributesError_ = posix_spawnattr_init(&attributes_);
-    actionsError_ = posix_spawn_file_actions_init(&actions_);
-  }
-  ~SpawnPlan() {
-    if (attributesError_ == 0) posix_spawnattr_destroy(&attributes_);
-    if (actionsError_ == 0) posix_spawn_file_actions_destroy(&actions_);
-  }
-  SpawnPlan(const SpawnPlan&) = delete;
-  SpawnPlan& operator=(const SpawnPlan&) = delete;
-
-  int InitError() const { return attributesError_ != 0 ? attributesError_ : actionsError_; }
-  posix_spawnattr_t* Attributes() { return &attributes_; }
-  posix_spawn_file_actions_t* Actions() { return &actions_; }
-
- private:
-  posix_spawnattr_t attributes_;
-  posix_spawn_file_actions_t actions_;
-  int attributesError_;
-  int actionsError_;
-};
 
 /// Copies of the caller's descriptors that lie inside the range the new
 /// process's descriptors are moved to, so that placing one descriptor can
@@ -83,7 +60,7 @@ int ZelkKernel_Spawn(const char* path, char* const argv[], char* const envp[], i
   // caller's real ids (dropping effective ones that differ from them).
   if (request->userId != getuid() || request->groupId != getgid()) return -EPERM;
 
-  SpawnPlan plan;
+  SpawnSettings plan;
   if (const int error = plan.InitError(); error != 0) return -error;
   short flags = 0;
   if (geteuid() != getuid() || getegid() != getgid()) flags |= POSIX_SPAWN_RESETIDS;

@@ -15,6 +15,7 @@
 #include <cstdlib>
 
 #include "ZelkKernel/Spawn.h"
+#include "ZelkKernel/SpawnSettings.h"
 #include "ZelkuserCompat/Spawn.h"
 #include "process/Spawner.h"
 #include "process/Wait.h"
@@ -31,30 +32,7 @@ constexpr std::array<int, 3> kStandardDescriptors = {STDIN_FILENO, STDOUT_FILENO
 // Take the terminal even if another session has it.
 constexpr int kStealTerminal = 1;
 
-/// posix_spawn's attributes and file actions, released on every way out.
-class SpawnSettings {
- public:
-  SpawnSettings() {
-    attributesError_ = posix_spawnattr_init(&attributes_);
-    actionsError_ = posix_spawn_file_actions_init(&actions_);
-  }
-  ~SpawnSettings() {
-    if (actionsError_ == 0) posix_spawn_file_actions_destroy(&actions_);
-    if (attributesError_ == 0) posix_spawnattr_destroy(&attributes_);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-  int InitError() const { return attributesError_ != 0 ? attributesError_ : actionsError_; }
-  posix_spawnattr_t* Attributes() { return &attributes_; }
-  posix_spawn_file_actions_t* Actions() { return &actions_; }
-
- private:
-  posix_spawnattr_t attributes_;
-  posix_spawn_file_actions_t actions_;
-  int attributesError_;
-  int actionsError_;
-};
+using ZelkKernel::SpawnSettings;
 
 // Output is opened for appending, as a log file would be.
 int AddStream(posix_spawn_file_actions_t* actions, const Stream& stream, int target) {
