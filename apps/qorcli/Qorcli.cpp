@@ -38,25 +38,6 @@ void LoadDefinitions(CppTools::AutoCli::Dispatcher& dispatcher,
   }
 }
 
-// An option as the parser tells one from a value: "-" alone and "-<digit>..."
-// are values.
-bool IsOption(const std::string& word) {
-  return word.size() >= 2 && word[0] == '-' && (word[1] < '0' || word[1] > '9');
-}
-
-// The parameter a name refers to, as the parser hands names on: a long name
-// without its "--", a short one with its "-".
-const ParameterDefinition* FindParameter(const CommandDefinition& command,
-                                         const std::string& givenName) {
-  const bool isShort = givenName.size() > 1 && givenName[0] == '-';
-  for (const ParameterDefinition& parameter : command.parameters) {
-    if (isShort ? givenName.substr(1) == parameter.shortName : givenName == parameter.name) {
-      return &parameter;
-    }
-  }
-  return nullptr;
-}
-
 // Whether the last word leaves its value to the next one: it is "--name" or
 // "-x" without "=". Then the parameter it names, null when it names none of
 // the command's; nothing when the last word is anything else.
@@ -67,11 +48,11 @@ std::optional<const ParameterDefinition*> ValueAwaited(const std::vector<std::st
     return std::nullopt;
   }
   const std::string& last = words.back();
-  if (!IsOption(last) || last.find('=') != std::string::npos || last == "--" ||
-      last.starts_with("---")) {
+  if (!CppTools::AutoCli::OptionParser::IsOption(last) || last.find('=') != std::string::npos ||
+      last == "--" || last.starts_with("---")) {
     return std::nullopt;
   }
-  return FindParameter(command, last.starts_with("--") ? last.substr(2) : last);
+  return command.FindParameter(last.starts_with("--") ? last.substr(2) : last);
 }
 
 }  // namespace
@@ -108,7 +89,7 @@ void Complete(const std::vector<std::string>& words, const std::vector<std::stri
   }
   std::set<std::string> given;
   for (const auto& [name, value] : parser.GetCommandParameters()) {
-    if (const ParameterDefinition* parameter = FindParameter(*command, name)) {
+    if (const ParameterDefinition* parameter = command->FindParameter(name)) {
       given.insert(parameter->name);
     }
   }

@@ -19,6 +19,14 @@ fs::path Staged(const fs::path& hostPath) {
   return Sandbox::DefaultStage() / hostPath.relative_path();
 }
 
+/// The whole content of a staged file; empty when it cannot be read.
+std::string Content(const fs::path& staged) {
+  std::ifstream file(staged);
+  std::stringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
 TEST(InstallLayout, ProgramIsInstalledExecutableUnderThePrefix) {
   fs::path program = Staged("/usr/bin/orvane");
   ASSERT_TRUE(fs::is_regular_file(program)) << program;
@@ -37,10 +45,8 @@ TEST(InstallLayout, AnalyzerAndItsManualPageAreInstalledUnderThePrefix) {
   EXPECT_NE(fs::status(program).permissions() & fs::perms::owner_exec, fs::perms::none);
   fs::path page = Staged("/usr/share/man/man1/orvane-analyze.1");
   ASSERT_TRUE(fs::is_regular_file(page)) << page;
-  std::ifstream file(page);
-  std::stringstream content;
-  content << file.rdbuf();
-  EXPECT_NE(content.str().find(".Nm orvane-analyze"), std::string::npos);
+  const std::string content = Content(page);
+  EXPECT_NE(content.find(".Nm orvane-analyze"), std::string::npos);
 }
 
 TEST(InstallLayout, ManualPagesAreInstalledInTheirSections) {
@@ -55,11 +61,9 @@ TEST(InstallLayout, BashCompletionIsInstalledWhereBashCompletionLoadsIt) {
   for (const char* program : {"orvane", "qorcli", "orvane-analyze"}) {
     const fs::path staged = Staged(fs::path("/usr/share/bash-completion/completions") / program);
     ASSERT_TRUE(fs::is_regular_file(staged)) << staged;
-    std::ifstream file(staged);
-    std::stringstream content;
-    content << file.rdbuf();
-    EXPECT_NE(content.str().find(std::string("complete -F ")), std::string::npos) << staged;
-    EXPECT_NE(content.str().find(std::string(" ") + program + "\n"), std::string::npos) << staged;
+    const std::string content = Content(staged);
+    EXPECT_NE(content.find(std::string("complete -F ")), std::string::npos) << staged;
+    EXPECT_NE(content.find(std::string(" ") + program + "\n"), std::string::npos) << staged;
   }
 }
 
@@ -73,10 +77,8 @@ TEST(InstallLayout, NativeExecutorIsInstalledExecutableAtItsFixedPath) {
 TEST(InstallLayout, PluginHeaderIsInstalledUnderThePrefix) {
   fs::path header = Staged("/usr/include/orvane/plugin.h");
   ASSERT_TRUE(fs::is_regular_file(header)) << header;
-  std::ifstream file(header);
-  std::stringstream content;
-  content << file.rdbuf();
-  EXPECT_NE(content.str().find("struct orvane_plugin_metadata {"), std::string::npos);
+  const std::string content = Content(header);
+  EXPECT_NE(content.find("struct orvane_plugin_metadata {"), std::string::npos);
 }
 
 TEST(InstallLayout, HostDirectoriesAreCreatedEmpty) {
@@ -97,12 +99,10 @@ TEST(InstallLayout, HostDirectoriesAreCreatedEmpty) {
 }
 
 TEST(InstallLayout, TmpfilesEntryRecreatesTheRunDirectoryAtBoot) {
-  std::ifstream file(Staged("/usr/lib/tmpfiles.d/orvane.conf"));
-  ASSERT_TRUE(file) << "no tmpfiles.d entry";
-  std::stringstream content;
-  content << file.rdbuf();
-  EXPECT_NE(content.str().find("\nd /run/talvek 0755 root root -\n"), std::string::npos)
-      << content.str();
+  const fs::path entry = Staged("/usr/lib/tmpfiles.d/orvane.conf");
+  ASSERT_TRUE(fs::is_regular_file(entry)) << "no tmpfiles.d entry";
+  const std::string content = Content(entry);
+  EXPECT_NE(content.find("\nd /run/talvek 0755 root root -\n"), std::string::npos) << content;
 }
 
 }  // namespace

@@ -86,23 +86,12 @@ class ParameterCheck {
   ParameterCheck(const CommandDefinition& command, std::vector<std::string>& errors)
       : command_(command), commandName_(JoinWords(command.path)), errors_(errors) {}
 
-  /// The definition a given name (long, or short with its "-") refers to.
-  const ParameterDefinition* Resolve(const std::string& givenName) const {
-    for (const ParameterDefinition& parameter : command_.parameters) {
-      bool isShort = givenName.size() > 1 && givenName[0] == '-';
-      if (isShort ? givenName.substr(1) == parameter.shortName : givenName == parameter.name) {
-        return &parameter;
-      }
-    }
-    return nullptr;
-  }
-
   /// Values by definition name, for the parameters that were given.
   std::map<std::string, std::string> Check(
       const std::vector<std::pair<std::string, std::string>>& given) {
     std::map<std::string, std::string> values;
     for (const auto& [givenName, value] : given) {
-      const ParameterDefinition* parameter = Resolve(givenName);
+      const ParameterDefinition* parameter = command_.FindParameter(givenName);
       if (parameter == nullptr) {
         errors_.push_back("unknown parameter '" + Spelling(givenName) + "' for command '" +
                           commandName_ + "'");
@@ -221,6 +210,16 @@ void WriteParameters(const CommandDefinition& command, const std::string& indent
 }
 
 }  // namespace
+
+const ParameterDefinition* CommandDefinition::FindParameter(const std::string& givenName) const {
+  const bool isShort = givenName.size() > 1 && givenName[0] == '-';
+  for (const ParameterDefinition& parameter : parameters) {
+    if (isShort ? givenName.substr(1) == parameter.shortName : givenName == parameter.name) {
+      return &parameter;
+    }
+  }
+  return nullptr;
+}
 
 Dispatcher::Dispatcher() = default;
 

@@ -13,11 +13,6 @@ bool IsBlank(char character) { return character == ' ' || character == '\t' || c
 
 bool IsDigit(char character) { return character >= '0' && character <= '9'; }
 
-// "-" alone and "-<digit>..." are values (a negative number), not options.
-bool IsOption(const std::string& word) {
-  return word.size() >= 2 && word[0] == '-' && !IsDigit(word[1]);
-}
-
 bool IsHelpRequest(const std::string& word) { return word == "--help" || word == "-h"; }
 
 // Inside double quotes a backslash escapes only these (and a newline).
@@ -27,6 +22,11 @@ bool IsEscapableInDoubleQuotes(char character) {
 }
 
 }  // namespace
+
+// "-" alone and "-<digit>..." are values (a negative number), not options.
+bool OptionParser::IsOption(const std::string& word) {
+  return word.size() >= 2 && word[0] == '-' && !IsDigit(word[1]);
+}
 
 OptionParser::OptionParser(const Dispatcher* helpSource, std::ostream* helpStream)
     : helpSource_(helpSource), helpStream_(helpStream != nullptr ? helpStream : &std::cout) {}

@@ -142,6 +142,21 @@ void ResetSignalsInChild() {
   ::_exit(kChildFailureStatus);
 }
 
+// Forks: the child runs @p child, which must not return; the parent waits
+// for it.
+template <typename ChildBody>
+RunResult ForkAndWait(const ChildBody& child) {
+  RunResult result;
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    result.startError = errno;
+    return result;
+  }
+  if (pid == 0) child();
+  result.status = WaitForExit(pid);
+  return result;
+}
+
 /// Closes a popen stream on every way out.
 class ShellPipe {
  public:
@@ -161,18 +176,11 @@ class ShellPipe {
 class PosixSpawner final : public Spawner {
  public:
   RunResult Run(const Program& program) override {
-    RunResult result;
     char* const* environment = program.environment != nullptr ? program.environment : environ;
     if (program.childExecFailure != nullptr) {
-      const pid_t child = ::fork();
-      if (child < 0) {
-        result.startError = errno;
-        return result;
-      }
-      if (child == 0) ExecuteInChild(program, environment);
-      result.status = WaitForExit(child);
-      return result;
+      return ForkAndWait([&] { ExecuteInChild(program, environment); });
     }
+    RunResult result;
     SpawnSettings settings;
     if (const int error = Prepare(settings, program); error != 0) {
       result.startError = error;
@@ -256,25 +264,11 @@ class PosixSpawner final : public Spawner {
   }
 
   RunResult RunShellSession(const ShellSession& session) override {
-    RunResult result;
-    const pid_t shell = ::fork();
-    if (shell < 0) {
-      result.startError = errno;
-      return result;
-    }
-    if (shell == 0) BecomeShellSession(session);
-    result.status = WaitForExit(shell);
-    return result;
+    return ForkAndWait([&] { BecomeShellSession(session); });
   }
 
   RunResult RunInChild(const std::function<void()>& body) override {
-    RunResult result;
-    const pid_t child = ::fork();
-    if (child < 0) {
-      result.startError = errno;
-      return result;
-    }
-    if (child == 0) {
+    return ForkAndWait([&] {
       // An exception must not climb out of the child into the caller's
       // code: the child would go on as a second copy of this process.
       try {
@@ -283,9 +277,7 @@ class PosixSpawner final : public Spawner {
         ::_exit(kChildFailureStatus);
       }
       ::_exit(0);
-    }
-    result.status = WaitForExit(child);
-    return result;
+    });
   }
 };
 

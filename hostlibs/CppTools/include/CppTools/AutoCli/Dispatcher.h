@@ -63,6 +63,11 @@ struct CommandDefinition {
   std::vector<ParameterDefinition> parameters;
   std::vector<std::string> exec;
   std::string sourceFile;  ///< the definition file it was read from
+
+  /// The parameter a name given on a command line refers to, as the option
+  /// parser hands names on: a long name without its "--", a short one with
+  /// its "-". Null when it names none of this command's.
+  const ParameterDefinition* FindParameter(const std::string& givenName) const;
 };
 
 /// How a command's program run ended.

@@ -43,6 +43,10 @@ class OptionParser {
   /// definitions are available.
   explicit OptionParser(const Dispatcher* helpSource = nullptr, std::ostream* helpStream = nullptr);
 
+  /// Whether a word is an option ("--name", "-x", either with "=value")
+  /// rather than a value: "-" alone and "-<digit>..." are values.
+  static bool IsOption(const std::string& word);
+
   /// Splits @p line into words and parses them. True only when the line
   /// asked for help: the help has then been printed and there is nothing to
   /// dispatch. False otherwise; GetParseErrors then says whether the line
