@@ -21,7 +21,7 @@ class SchemaError : public std::runtime_error {
 };
 
 // A definition file is a few kilobytes; a runaway one is not read.
-constexpr std::size_t kMaxDefinitionFileSize = 16 * 1024 * 1024;
+constexpr std::size_t kMaxDefinitionFileSize = std::size_t{16} * 1024 * 1024;
 
 std::string ReadRegularFile(const std::string& file) {
   hostfile::FileContent content = hostfile::ReadHostFile(file, kMaxDefinitionFileSize);

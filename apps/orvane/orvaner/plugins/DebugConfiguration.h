@@ -21,7 +21,7 @@ struct DebugEntry {
 
 /// A debug configuration larger than this is not read: it is written by
 /// hand, a line per injection.
-inline constexpr std::size_t kMaxDebugConfigurationSize = 16 * 1024 * 1024;
+inline constexpr std::size_t kMaxDebugConfigurationSize = std::size_t{16} * 1024 * 1024;
 
 /// Reads the debug configuration at @p path and appends one entry per valid
 /// line to @p entries, in file order. A line is trimmed of the locale's white

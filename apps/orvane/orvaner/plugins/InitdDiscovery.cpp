@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* kListingOption = " -p";
 // A line per init.d script.
-constexpr std::size_t kMaxListingSize = 1024 * 1024;
+constexpr std::size_t kMaxListingSize = std::size_t{1024} * 1024;
 
 /// Started by init mode itself before any plugin runs.
 const std::unordered_set<std::string>& SkippedDaemons() {

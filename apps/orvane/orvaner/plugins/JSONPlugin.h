@@ -28,7 +28,7 @@ class JSONPlugin : public Plugin {
   /// Descriptions larger than this are refused without being read: a
   /// plugin file is a few hundred bytes, and a runaway one must not cost
   /// the boot its memory.
-  static constexpr std::size_t kMaxDescriptionSize = 16 * 1024 * 1024;
+  static constexpr std::size_t kMaxDescriptionSize = std::size_t{16} * 1024 * 1024;
   /// Deeper nesting is refused. The parser keeps its own stack, so this
   /// bounds memory and the depth of the document's destruction, not the
   /// parser's recursion; a description needs three levels.

@@ -177,7 +177,7 @@ void LoadAll(const std::vector<std::string>& pluginNames, const PluginFilters& f
 
 }  // namespace
 
-void EnumeratePlugins(const std::vector<std::string>& pluginNames, PluginFilters filters,
+void EnumeratePlugins(const std::vector<std::string>& pluginNames, const PluginFilters& filters,
                       const RunOptions& options, LoadedPlugins& plugins,
                       const std::string& debugConfiguration) {
   // The list is handed over whole once enumeration is over. When it fails

@@ -33,7 +33,7 @@ struct PluginFilters {
 /// iterator throws (a missing or unreadable plugin directory) and what
 /// constructing a debug plugin throws; the plugins loaded by then are kept
 /// alive but not appended to the list.
-void EnumeratePlugins(const std::vector<std::string>& pluginNames, PluginFilters filters,
+void EnumeratePlugins(const std::vector<std::string>& pluginNames, const PluginFilters& filters,
                       const RunOptions& options, LoadedPlugins& plugins,
                       const std::string& debugConfiguration = paths::kDebugConfiguration);
 

@@ -14,10 +14,10 @@ namespace orvane {
 inline constexpr const char* kRunOnceRecordPrefix = "orvane.run-once=";
 
 /// A record file larger than this is refused: a key is a few dozen bytes.
-inline constexpr std::size_t kMaxRunOnceRecordSize = 1024 * 1024;
+inline constexpr std::size_t kMaxRunOnceRecordSize = std::size_t{1024} * 1024;
 /// The longest decompressed line read, so that a small file cannot
 /// decompress into the boot's whole memory.
-inline constexpr std::size_t kMaxRunOnceLineSize = 16 * 1024 * 1024;
+inline constexpr std::size_t kMaxRunOnceLineSize = std::size_t{16} * 1024 * 1024;
 
 /// Adds the keys of the record at @p path to @p runOnceSet. The line must
 /// start with kRunOnceRecordPrefix; it is then split on ",", each item

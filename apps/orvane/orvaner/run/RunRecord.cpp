@@ -195,11 +195,14 @@ bool RunRecord::CreateFile(const std::string& directory, const std::string& name
     Fail("cannot make " + runs, errno);
     return false;
   }
+  const std::string runsPrefix = runs + "/";
   std::string fileName;
   int descriptor = -1;
   for (int attempt = 1; attempt <= kMaxSameSecondRuns && descriptor < 0; ++attempt) {
-    fileName = name + (attempt == 1 ? "" : "-" + std::to_string(attempt)) + kRecordExtension;
-    path_ = runs + "/" + fileName;
+    fileName = name;
+    if (attempt > 1) fileName += "-" + std::to_string(attempt);
+    fileName += kRecordExtension;
+    path_ = runsPrefix + fileName;
     descriptor = open(path_.c_str(),
                       O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kRecordMode);
     if (descriptor < 0 && errno != EEXIST) break;
