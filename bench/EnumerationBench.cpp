@@ -81,10 +81,11 @@ int Run(int argc, char* argv[]) {
   options.pluginDirectory = directory.string();
   std::set<std::string> runOnce;
   const std::vector<std::string> disabled = {"plugin3", "plugin77"};
+  BarrierRegistry& registry = BarrierRegistry::Instance();
   LoadedPlugins plugins;
   const long peakBefore = PeakKilobytes();
   const auto start = std::chrono::steady_clock::now();
-  EnumeratePlugins({}, PluginFilters{{"noflag"}, disabled, runOnce}, options, plugins,
+  EnumeratePlugins({}, PluginFilters{{"noflag"}, disabled, runOnce}, options, plugins, registry,
                    debugConfiguration);
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
   const long peakAfter = PeakKilobytes();
@@ -93,7 +94,7 @@ int Run(int argc, char* argv[]) {
   std::printf("files %zu (json %zu, debug names %zu), debug entries %zu\n", files, jsonFiles,
               debugFiles, debugEntries);
   std::printf("plugins listed %zu, barriers %zu, run-once keys %zu\n", plugins.List().size(),
-              BarrierRegistry::Instance().ListBarriers().size(), runOnce.size());
+              registry.ListBarriers().size(), runOnce.size());
   std::printf("enumeration %.3f s, %.1f us per file\n", elapsed.count(),
               elapsed.count() * 1e6 / static_cast<double>(files));
   std::printf("peak memory %.1f MB (%.1f MB before enumerating)\n", peakAfter / 1024.0,

@@ -177,15 +177,12 @@ VerifyLoader::Attempt VerifyLoader::LoadOnce(const std::string& fileName) {
   BarrierRegistry registry;
   LoadedPlugins loaded;
   Attempt attempt;
-  {
-    BarrierRegistry::ScopedInstance scoped(registry);
-    const std::vector<std::string> noneDisabled;
-    std::set<std::string> noRunOnce;
-    attempt.messages = capture_.Run([&] {
-      LoadPlugin(fileName, loaded, PluginFilters{{}, noneDisabled, noRunOnce}, options_,
-                 paths_.DebugConfiguration());
-    });
-  }
+  const std::vector<std::string> noneDisabled;
+  std::set<std::string> noRunOnce;
+  attempt.messages = capture_.Run([&] {
+    LoadPlugin(fileName, loaded, PluginFilters{{}, noneDisabled, noRunOnce}, options_, registry,
+               paths_.DebugConfiguration());
+  });
   attempt.messages.lines =
       NewLines(attempt.messages.lines, debugConfigurationLines_, attempt.messages.alerts);
 

@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -29,19 +27,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// Plugins linked into the process-wide barrier registry stay alive as long
-/// as the registry, which keeps references to them.
-DebugPlugin& KeptForTheProcess(std::unique_ptr<DebugPlugin> plugin) {
-  static std::deque<std::unique_ptr<DebugPlugin>> kept;
-  kept.push_back(std::move(plugin));
-  return *kept.back();
-}
-
-/// A barrier name that no other test uses, since the registry is shared.
-std::string BarrierName(const std::string& name) {
-  return std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "." + name;
-}
-
+/// Each test links its injections into a barrier registry of its own, which
+/// outlives them.
 class DebugPluginTest : public ::testing::Test {
  protected:
   void SetUp() override { Log_Exit(); }
@@ -49,7 +36,7 @@ class DebugPluginTest : public ::testing::Test {
   /// Runs Start of a barrier-free injection of @p command and returns what
   /// it logged (standard error, before logging is set up).
   std::string StartLogged(const std::string& name, const std::string& command) {
-    DebugPlugin plugin(name, {}, {}, command);
+    DebugPlugin plugin(name, {}, {}, command, registry_);
     ::testing::internal::CaptureStderr();
     EXPECT_NO_THROW(plugin.Start());
     return ::testing::internal::GetCapturedStderr();
@@ -62,18 +49,17 @@ class DebugPluginTest : public ::testing::Test {
     return content.str();
   }
 
+  BarrierRegistry registry_;
   unit_testing::TemporaryDirectory temporary_;
   const std::filesystem::path& directory_ = temporary_.Path();
 };
 
 TEST_F(DebugPluginTest, ConstructionLinksRequiredThenProvidedBarriersInOrder) {
-  DebugPlugin& plugin = KeptForTheProcess(std::make_unique<DebugPlugin>(
-      "inj", std::vector<std::string>{BarrierName("a"), BarrierName("b")},
-      std::vector<std::string>{BarrierName("c"), BarrierName("d")}, "echo hi"));
-  Node* a = GetBarrier(BarrierName("a"), false);
-  Node* b = GetBarrier(BarrierName("b"), false);
-  Node* c = GetBarrier(BarrierName("c"), false);
-  Node* d = GetBarrier(BarrierName("d"), false);
+  DebugPlugin plugin("inj", {"a", "b"}, {"c", "d"}, "echo hi", registry_);
+  Node* a = registry_.GetBarrier("a", false);
+  Node* b = registry_.GetBarrier("b", false);
+  Node* c = registry_.GetBarrier("c", false);
+  Node* d = registry_.GetBarrier("d", false);
   ASSERT_NE(a, nullptr);
   ASSERT_NE(b, nullptr);
   ASSERT_NE(c, nullptr);
@@ -87,17 +73,15 @@ TEST_F(DebugPluginTest, ConstructionLinksRequiredThenProvidedBarriersInOrder) {
 }
 
 TEST_F(DebugPluginTest, ExistingBarrierIsSharedByTwoInjections) {
-  DebugPlugin& provider = KeptForTheProcess(std::make_unique<DebugPlugin>(
-      "first", std::vector<std::string>{}, std::vector<std::string>{BarrierName("x")}, "true"));
-  DebugPlugin& requirer = KeptForTheProcess(std::make_unique<DebugPlugin>(
-      "second", std::vector<std::string>{BarrierName("x")}, std::vector<std::string>{}, "true"));
-  Node* barrier = GetBarrier(BarrierName("x"), false);
+  DebugPlugin provider("first", {}, {"x"}, "true", registry_);
+  DebugPlugin requirer("second", {"x"}, {}, "true", registry_);
+  Node* barrier = registry_.GetBarrier("x", false);
   EXPECT_THAT(barrier->Predecessors(), ElementsAre(&provider));
   EXPECT_THAT(barrier->Successors(), ElementsAre(&requirer));
 }
 
 TEST_F(DebugPluginTest, InjectionWithoutBarriersHasNoEdgesAndTheInitialDeclarations) {
-  DebugPlugin plugin("lonely", {}, {}, "true");
+  DebugPlugin plugin("lonely", {}, {}, "true", registry_);
   EXPECT_THAT(plugin.Predecessors(), IsEmpty());
   EXPECT_THAT(plugin.Successors(), IsEmpty());
   EXPECT_EQ(plugin.GetApiVersion(), -1);
@@ -152,20 +136,16 @@ TEST_F(DebugPluginTest, SystemFailingLogsMinusOne) {
 }
 
 TEST_F(DebugPluginTest, InvokeStartOfAFailingInjectionSucceeds) {
-  DebugPlugin plugin("inj", {}, {}, "exit 1");
+  DebugPlugin plugin("inj", {}, {}, "exit 1", registry_);
   ::testing::internal::CaptureStderr();
   EXPECT_TRUE(plugin.InvokeMethod("start"));
   ::testing::internal::GetCapturedStderr();
 }
 
 TEST_F(DebugPluginTest, FailingInjectionIsStillActivatedAndReleasesItsDependants) {
-  DebugPlugin& failing = KeptForTheProcess(
-      std::make_unique<DebugPlugin>("failing", std::vector<std::string>{},
-                                    std::vector<std::string>{BarrierName("done")}, "exit 1"));
+  DebugPlugin failing("failing", {}, {"done"}, "exit 1", registry_);
   const std::string output = (directory_ / "after").string();
-  DebugPlugin& after = KeptForTheProcess(
-      std::make_unique<DebugPlugin>("after", std::vector<std::string>{BarrierName("done")},
-                                    std::vector<std::string>{}, "echo ran > " + output));
+  DebugPlugin after("after", {"done"}, {}, "echo ran > " + output, registry_);
   RunOptions& options = RunOptions::Instance();
   ASSERT_FALSE(options.interactive);
   ASSERT_TRUE(options.method.empty());
@@ -189,7 +169,7 @@ TEST_F(DebugPluginTest, FailingInjectionIsStillActivatedAndReleasesItsDependants
 }
 
 TEST_F(DebugPluginTest, HasNoHostProfileStep) {
-  DebugPlugin plugin("inj", {}, {}, "true");
+  DebugPlugin plugin("inj", {}, {}, "true", registry_);
   EXPECT_FALSE(plugin.SupportsHostProfile());
   try {
     plugin.ApplyHostProfile();

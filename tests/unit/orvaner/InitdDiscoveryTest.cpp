@@ -28,7 +28,7 @@ class InitdDiscoveryTest : public GraphTest {
   std::vector<std::unique_ptr<Plugin>> Discover(const std::string& listing) {
     directory.Write("listing", listing);
     ::testing::internal::CaptureStderr();
-    auto plugins = DiscoverInitdDaemons("cat " + (directory / "listing"), registry);
+    auto plugins = DiscoverInitdDaemons(registry, "cat " + (directory / "listing"));
     logged = ::testing::internal::GetCapturedStderr();
     return plugins;
   }
@@ -121,7 +121,7 @@ TEST_F(InitdDiscoveryTest, ListingThatNeverEndsIsCutOffAndRefused) {
   // "yes" writes lines for ever; reading stops at the bound and closing the
   // pipe ends the program.
   try {
-    DiscoverInitdDaemons("yes /etc/init.d/again 10", registry);
+    DiscoverInitdDaemons(registry, "yes /etc/init.d/again 10");
     ADD_FAILURE() << "an endless listing was accepted";
   } catch (const Exception& error) {
     EXPECT_EQ(std::string(error.what()),
@@ -133,7 +133,7 @@ TEST_F(InitdDiscoveryTest, ListingThatNeverEndsIsCutOffAndRefused) {
 TEST_F(InitdDiscoveryTest, EmptyListingOrFailingListingCommandYieldsNoPlugins) {
   EXPECT_THAT(Discover(""), IsEmpty());
   ::testing::internal::CaptureStderr();
-  auto plugins = DiscoverInitdDaemons(directory / "no-such-tool", registry);
+  auto plugins = DiscoverInitdDaemons(registry, directory / "no-such-tool");
   ::testing::internal::GetCapturedStderr();
   EXPECT_THAT(plugins, IsEmpty());
 }
@@ -167,7 +167,7 @@ TEST_F(InitdDiscoveryTest, ListingThatCannotBeStartedThrowsAndCreatesNothing) {
   unit_testing::FakeSpawner spawner;
   spawner.shellOutput.started = false;
   try {
-    DiscoverInitdDaemons("/bin/chkconfig -p", registry);
+    DiscoverInitdDaemons(registry, "/bin/chkconfig -p");
     ADD_FAILURE() << "nothing was thrown";
   } catch (const Exception& error) {
     EXPECT_STREQ(error.what(), "Failed obtaining list of init.d scripts");
@@ -180,7 +180,7 @@ TEST_F(InitdDiscoveryTest, ListingThatCannotBeReadIsRefusedWithTheReason) {
   spawner.shellOutput.output.status = hostfile::ReadStatus::ReadFailed;
   spawner.shellOutput.output.error = EIO;
   try {
-    DiscoverInitdDaemons("/bin/chkconfig -p", registry);
+    DiscoverInitdDaemons(registry, "/bin/chkconfig -p");
     ADD_FAILURE() << "nothing was thrown";
   } catch (const Exception& error) {
     EXPECT_STREQ(error.what(),
@@ -193,7 +193,7 @@ TEST_F(InitdDiscoveryTest, ListingReadWithoutAProcessBecomesDaemonsInStartOrder)
   unit_testing::FakeSpawner spawner;
   spawner.shellOutput.output.text = "/etc/init.d/b 20\n/etc/init.d/wexd 1\n/etc/init.d/a 10\n";
   ::testing::internal::CaptureStderr();
-  auto plugins = DiscoverInitdDaemons("/bin/chkconfig -p", registry);
+  auto plugins = DiscoverInitdDaemons(registry, "/bin/chkconfig -p");
   ::testing::internal::GetCapturedStderr();
   EXPECT_THAT(Names(plugins), ElementsAre("a", "b"));
 }

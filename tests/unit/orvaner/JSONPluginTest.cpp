@@ -695,8 +695,7 @@ TEST_F(JSONPluginTest, DuplicateKeyTakesTheLastValue) {
 // ---- the loader
 
 /// LoadPlugin with names ending in ".json", resolved in a plugin directory
-/// of the test's own. The process-wide barrier registry is shared, so the
-/// descriptions here name barriers no other test uses, or none.
+/// of the test's own and linked into a barrier registry of the test's own.
 class JSONPluginLoadTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -714,7 +713,7 @@ class JSONPluginLoadTest : public ::testing::Test {
   std::string LoadLogged(const std::string& fileName) {
     ::testing::internal::CaptureStderr();
     LoadPlugin(fileName, plugins_, PluginFilters{{}, noneDisabled_, runOnce_},
-               RunOptions::Instance(), temporary_ / "no-debug.conf");
+               RunOptions::Instance(), registry_, temporary_ / "no-debug.conf");
     return ::testing::internal::GetCapturedStderr();
   }
 
@@ -723,6 +722,7 @@ class JSONPluginLoadTest : public ::testing::Test {
   std::vector<std::string> alerts_;
   std::vector<std::string> noneDisabled_;
   std::set<std::string> runOnce_;
+  BarrierRegistry registry_;
   LoadedPlugins plugins_;
 };
 

@@ -42,14 +42,6 @@ using ::testing::MatchesRegex;
 
 constexpr const char* kNativeExecutor = ORVANE_NATIVE_EXECUTOR;
 
-/// The plugins link themselves into the process-wide barrier registry, which
-/// keeps references to them, so they live as long as the process.
-NativePlugin& KeptForTheProcess(std::unique_ptr<NativePlugin> plugin) {
-  static std::deque<std::unique_ptr<NativePlugin>> kept;
-  kept.push_back(std::move(plugin));
-  return *kept.back();
-}
-
 /// Whether the object at @p path is loaded in this process.
 bool IsLoaded(const std::string& path) {
   void* handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
@@ -58,23 +50,8 @@ bool IsLoaded(const std::string& path) {
   return true;
 }
 
-/// The message of the exception that constructing a plugin of @p path
-/// throws, checking that it is exactly of class Thrown.
-template <typename Thrown>
-std::string LoadFailure(const std::string& name, const std::string& path) {
-  try {
-    NativePlugin plugin(name, path, kNativeExecutor);
-  } catch (const Thrown& error) {
-    EXPECT_EQ(typeid(error), typeid(Thrown)) << error.what();
-    return error.what();
-  } catch (const std::exception& error) {
-    ADD_FAILURE() << "unexpected exception class: " << error.what();
-    return error.what();
-  }
-  ADD_FAILURE() << "loading " << path << " did not throw";
-  return "";
-}
-
+/// Each test links its plugins into a barrier registry of its own; the
+/// plugins it loads live as long as the test.
 class NativePluginTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -86,7 +63,25 @@ class NativePluginTest : public ::testing::Test {
 
   NativePlugin& Load(const std::string& name, const std::string& path,
                      const std::string& nativeExecutor = kNativeExecutor) {
-    return KeptForTheProcess(std::make_unique<NativePlugin>(name, path, nativeExecutor));
+    loaded_.push_back(std::make_unique<NativePlugin>(name, path, registry_, nativeExecutor));
+    return *loaded_.back();
+  }
+
+  /// The message of the exception that constructing a plugin of @p path
+  /// throws, checking that it is exactly of class Thrown.
+  template <typename Thrown>
+  std::string LoadFailure(const std::string& name, const std::string& path) {
+    try {
+      NativePlugin plugin(name, path, registry_, kNativeExecutor);
+    } catch (const Thrown& error) {
+      EXPECT_EQ(typeid(error), typeid(Thrown)) << error.what();
+      return error.what();
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << "unexpected exception class: " << error.what();
+      return error.what();
+    }
+    ADD_FAILURE() << "loading " << path << " did not throw";
+    return "";
   }
 
   /// The message of the MethodFailedException that @p run throws.
@@ -125,13 +120,15 @@ class NativePluginTest : public ::testing::Test {
 
   unit_testing::TemporaryDirectory temporary_;
   std::string record_;
+  BarrierRegistry registry_;
+  std::deque<std::unique_ptr<NativePlugin>> loaded_;
 };
 
 // ---- what construction reads
 
 TEST_F(NativePluginTest, CurrentPluginDeclaresItsBarriersAndNothingOfVersionThree) {
   NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
-  Node* provided = GetBarrier("native.one", false);
+  Node* provided = registry_.GetBarrier("native.one", false);
   ASSERT_NE(provided, nullptr);
   EXPECT_EQ(plugin.Name(), "native_first");
   EXPECT_EQ(plugin.LibraryPath(), ORVANE_TEST_PLUGIN_NATIVE_FIRST);
@@ -153,12 +150,12 @@ TEST_F(NativePluginTest, VersionThreeFieldsAreRead) {
   EXPECT_EQ(plugin.GetPluginVersion(), "1.2 beta");
   EXPECT_THAT(plugin.GetRequiredFlags(), ElementsAre("x", "y"));
   EXPECT_THAT(plugin.GetDisablingFlags(), ElementsAre("nov3"));
-  EXPECT_THAT(plugin.Predecessors(), ElementsAre(GetBarrier("version3.needs.a", false),
-                                                 GetBarrier("version3.needs.b", false)));
-  EXPECT_THAT(plugin.Successors(), ElementsAre(GetBarrier("version3.gives.a", false),
-                                               GetBarrier("version3.gives.b", false)));
-  EXPECT_THAT(GetBarrier("version3.needs.b", false)->Successors(), Contains(&plugin));
-  EXPECT_THAT(GetBarrier("version3.gives.a", false)->Predecessors(), Contains(&plugin));
+  EXPECT_THAT(plugin.Predecessors(), ElementsAre(registry_.GetBarrier("version3.needs.a", false),
+                                                 registry_.GetBarrier("version3.needs.b", false)));
+  EXPECT_THAT(plugin.Successors(), ElementsAre(registry_.GetBarrier("version3.gives.a", false),
+                                               registry_.GetBarrier("version3.gives.b", false)));
+  EXPECT_THAT(registry_.GetBarrier("version3.needs.b", false)->Successors(), Contains(&plugin));
+  EXPECT_THAT(registry_.GetBarrier("version3.gives.a", false)->Predecessors(), Contains(&plugin));
 }
 
 TEST_F(NativePluginTest, NullAndEmptyListsDeclareNothing) {
@@ -209,8 +206,8 @@ TEST_F(NativePluginTest, ExamplePluginLoadsAndStarts) {
   EXPECT_EQ(plugin.GetApiVersion(), 4);
   EXPECT_EQ(plugin.GetPluginVersion(), "1.0");
   EXPECT_THAT(plugin.GetDisablingFlags(), ElementsAre("nonetwork"));
-  EXPECT_THAT(plugin.Predecessors(), ElementsAre(GetBarrier("storage", false)));
-  EXPECT_THAT(plugin.Successors(), ElementsAre(GetBarrier("network", false)));
+  EXPECT_THAT(plugin.Predecessors(), ElementsAre(registry_.GetBarrier("storage", false)));
+  EXPECT_THAT(plugin.Successors(), ElementsAre(registry_.GetBarrier("network", false)));
   EXPECT_TRUE(plugin.SupportsHostProfile());
   ::testing::internal::CaptureStdout();
   plugin.Start();
@@ -228,7 +225,7 @@ TEST_F(NativePluginTest, ApiVersionsZeroAndFiveAreUnsupportedAndUnloaded) {
               "plugin `" + path + "' is invalid: Unsupported API version");
     EXPECT_FALSE(IsLoaded(path)) << path;
   }
-  EXPECT_EQ(GetBarrier("api_version.never", false), nullptr);
+  EXPECT_EQ(registry_.GetBarrier("api_version.never", false), nullptr);
 }
 
 TEST_F(NativePluginTest, MissingOperationsIsNamedEvenWhenMetadataIsMissingToo) {
@@ -529,9 +526,9 @@ TEST_F(NativePluginTest, CrashingPluginIsReportedAndItsDependantStillRuns) {
   NativePlugin& crash = Load("crash", ORVANE_TEST_PLUGIN_CRASH);
   NativePlugin& after = Load("native_second", ORVANE_TEST_PLUGIN_NATIVE_SECOND);
   // native_second waits for native.two; let that wait for the crash.
-  Node& gate = *GetBarrier("CrashingPluginIsReported.gate", true);
+  Node& gate = *registry_.GetBarrier("CrashingPluginIsReported.gate", true);
   crash.Provides(gate);
-  gate.Provides(*GetBarrier("native.two", true));
+  gate.Provides(*registry_.GetBarrier("native.two", true));
   ASSERT_FALSE(RunOptions::Instance().interactive);
   ASSERT_TRUE(RunOptions::Instance().method.empty());
   std::vector<std::string> kernelLog;
@@ -581,7 +578,7 @@ class NativePluginLoadingTest : public NativePluginTest {
   std::string LoadNamed(const std::string& fileName) {
     ::testing::internal::CaptureStderr();
     LoadPlugin(fileName, plugins_, PluginFilters{{}, noneDisabled_, runOnce_},
-               RunOptions::Instance(), temporary_ / "debug.conf");
+               RunOptions::Instance(), registry_, temporary_ / "debug.conf");
     return ::testing::internal::GetCapturedStderr();
   }
 

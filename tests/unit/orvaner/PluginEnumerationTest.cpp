@@ -34,9 +34,8 @@ using ::testing::SizeIs;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
-/// The debug configurations and descriptions here name no barriers, or
-/// barriers no other test uses, since the barrier registry is process-wide.
-/// Each test has its own, initially empty, plugin directory.
+/// Each test has its own barrier registry and its own, initially empty,
+/// plugin directory.
 class PluginEnumerationTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -62,14 +61,14 @@ class PluginEnumerationTest : public ::testing::Test {
   std::string Load(const std::string& fileName) {
     ::testing::internal::CaptureStderr();
     LoadPlugin(fileName, plugins_, PluginFilters{{}, noneDisabled_, noRunOnce_}, options_,
-               debugConfiguration_);
+               registry_, debugConfiguration_);
     return ::testing::internal::GetCapturedStderr();
   }
 
   std::string Enumerate(const std::vector<std::string>& names) {
     ::testing::internal::CaptureStderr();
     EnumeratePlugins(names, PluginFilters{{}, noneDisabled_, noRunOnce_}, options_, plugins_,
-                     debugConfiguration_);
+                     registry_, debugConfiguration_);
     return ::testing::internal::GetCapturedStderr();
   }
 
@@ -79,6 +78,7 @@ class PluginEnumerationTest : public ::testing::Test {
   RunOptions options_;
   std::vector<std::string> noneDisabled_;
   std::set<std::string> noRunOnce_;
+  BarrierRegistry registry_;
   LoadedPlugins plugins_;
 };
 
@@ -166,8 +166,7 @@ TEST_F(PluginEnumerationTest, MalformedLinesAreReportedForEachDebugName) {
 
 // ---- names, kinds and filters of plugin files
 
-/// A version-3 JSON description with no barriers, so that the plugin stays
-/// out of the process-wide barrier registry.
+/// A version-3 JSON description with no barriers.
 std::string Description(const std::string& requiredFlags = "[]",
                         const std::string& disablingFlags = "[]", bool runOnce = false,
                         const std::string& pluginVersion = "1.0") {
@@ -194,14 +193,14 @@ class PluginFilterTest : public PluginEnumerationTest {
   std::string LoadFiltered(const std::string& fileName) {
     ::testing::internal::CaptureStderr();
     LoadPlugin(fileName, plugins_, PluginFilters{bootFlags_, disabled_, runOnce_}, options_,
-               debugConfiguration_);
+               registry_, debugConfiguration_);
     return ::testing::internal::GetCapturedStderr();
   }
 
   std::string EnumerateFiltered(const std::vector<std::string>& names) {
     ::testing::internal::CaptureStderr();
     EnumeratePlugins(names, PluginFilters{bootFlags_, disabled_, runOnce_}, options_, plugins_,
-                     debugConfiguration_);
+                     registry_, debugConfiguration_);
     return ::testing::internal::GetCapturedStderr();
   }
 
@@ -310,7 +309,7 @@ TEST_F(PluginFilterTest, RefusedPluginIsMarkedDoneAndStillReleasesWhatItProvides
   bootFlags_ = {"a"};
   LoadFiltered("net.json");
   EXPECT_THAT(plugins_.List(), IsEmpty());
-  Node* barrier = GetBarrier("enumtest.refused", false);
+  Node* barrier = registry_.GetBarrier("enumtest.refused", false);
   ASSERT_NE(barrier, nullptr);
   ASSERT_EQ(barrier->Predecessors().size(), 1u);
   EXPECT_EQ(barrier->Predecessors().front()->Name(), "net");

@@ -11,13 +11,14 @@
 namespace orvane {
 
 DebugPlugin::DebugPlugin(std::string name, const std::vector<std::string>& requiredBarriers,
-                         const std::vector<std::string>& providedBarriers, std::string command)
+                         const std::vector<std::string>& providedBarriers, std::string command,
+                         BarrierRegistry& registry)
     : Plugin(std::move(name)), command_(std::move(command)) {
   for (const std::string& barrier : requiredBarriers) {
-    Requires(*GetBarrier(barrier, true));
+    Requires(*registry.GetBarrier(barrier, true));
   }
   for (const std::string& barrier : providedBarriers) {
-    Provides(*GetBarrier(barrier, true));
+    Provides(*registry.GetBarrier(barrier, true));
   }
 }
 

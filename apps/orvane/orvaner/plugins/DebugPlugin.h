@@ -8,16 +8,19 @@
 
 namespace orvane {
 
+class BarrierRegistry;
+
 /// Runs one command of the debug configuration through the shell at the
 /// place in the graph its barriers give it. Its outcome never changes the
 /// boot: a failing command is logged and the plugin still counts as started.
 class DebugPlugin : public Plugin {
  public:
-  /// Links the plugin into the graph: after each barrier of
+  /// Links the plugin into the graph of @p registry: after each barrier of
   /// @p requiredBarriers, then before each of @p providedBarriers, in order,
   /// creating the barriers that do not exist yet.
   DebugPlugin(std::string name, const std::vector<std::string>& requiredBarriers,
-              const std::vector<std::string>& providedBarriers, std::string command);
+              const std::vector<std::string>& providedBarriers, std::string command,
+              BarrierRegistry& registry);
 
   /// Runs the command through the shell as system() does (the process-wide
   /// spawner) and waits for the shell. Anything but a

@@ -69,8 +69,8 @@ std::string PluginName(const std::string& script) {
 
 std::string InitdListingCommand() { return std::string(paths::kChkconfig) + kListingOption; }
 
-std::vector<std::unique_ptr<Plugin>> DiscoverInitdDaemons(const std::string& listingCommand,
-                                                          BarrierRegistry& registry) {
+std::vector<std::unique_ptr<Plugin>> DiscoverInitdDaemons(BarrierRegistry& registry,
+                                                          const std::string& listingCommand) {
   std::vector<std::unique_ptr<Plugin>> plugins;
   const process::ShellOutput listingOutput =
       process::Spawner::Instance().ReadShellOutput(listingCommand, kMaxListingSize);

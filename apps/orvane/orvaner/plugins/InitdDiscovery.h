@@ -5,10 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/Plugin.h"
 
 namespace orvane {
+
+class BarrierRegistry;
 
 /// The command that lists the init.d scripts with their start orders.
 std::string InitdListingCommand();
@@ -23,7 +24,6 @@ std::string InitdListingCommand();
 /// "Failed obtaining list of init.d scripts" when the command cannot be
 /// started.
 std::vector<std::unique_ptr<Plugin>> DiscoverInitdDaemons(
-    const std::string& listingCommand = InitdListingCommand(),
-    BarrierRegistry& registry = BarrierRegistry::Instance());
+    BarrierRegistry& registry, const std::string& listingCommand = InitdListingCommand());
 
 }  // namespace orvane

@@ -15,6 +15,7 @@
 #include "log/Log.h"
 #include "orvaner/Exception.h"
 #include "orvaner/cli/QorcliExecutor.h"
+#include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/GraphLock.h"
 
 namespace orvane {

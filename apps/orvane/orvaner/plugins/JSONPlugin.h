@@ -9,10 +9,11 @@
 #include <string_view>
 #include <vector>
 
-#include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/Plugin.h"
 
 namespace orvane {
+
+class BarrierRegistry;
 
 /// A plugin read from a description such as
 ///
@@ -43,7 +44,7 @@ class JSONPlugin : public Plugin {
   /// marked done, so those edges never lead to a vertex that is gone or
   /// that would still run.
   static std::unique_ptr<JSONPlugin> Load(std::string name, const std::string& path,
-                                          BarrierRegistry& registry = BarrierRegistry::Instance());
+                                          BarrierRegistry& registry);
 
   /// Sends every start command to the executor process.
   void Start() override;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "orvaner/Exception.h"
+#include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/graph/PriorityBarrier.h"
 

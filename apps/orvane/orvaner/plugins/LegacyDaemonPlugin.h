@@ -4,10 +4,11 @@
 #include <cstdint>
 #include <string>
 
-#include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/DaemonPlugin.h"
 
 namespace orvane {
+
+class BarrierRegistry;
 
 /// Starts and stops its daemon by running the init.d script with "start"
 /// or "stop", on the priority level of its start order: it runs after every
@@ -18,7 +19,7 @@ class LegacyDaemonPlugin : public DaemonPlugin {
   /// level of @p startOrder in @p registry's priority chain (created when
   /// new), all under the graph lock.
   LegacyDaemonPlugin(std::string name, const std::string& script, std::int32_t startOrder,
-                     BarrierRegistry& registry = BarrierRegistry::Instance());
+                     BarrierRegistry& registry);
 
   /// Throws NotImplementedException.
   void ApplyHostProfile() override;

@@ -166,7 +166,8 @@ std::string WaitForHelper(pid_t pid) {
 
 }  // namespace
 
-NativePlugin::NativePlugin(std::string name, std::string libraryPath, std::string nativeExecutor)
+NativePlugin::NativePlugin(std::string name, std::string libraryPath, BarrierRegistry& registry,
+                           std::string nativeExecutor)
     : Plugin(std::move(name)),
       libraryPath(std::move(libraryPath)),
       nativeExecutor_(std::move(nativeExecutor)) {
@@ -185,10 +186,12 @@ NativePlugin::NativePlugin(std::string name, std::string libraryPath, std::strin
   }
 
   // Provided barriers before required ones, the reverse of JSON plugins.
-  ForEachName(metadata->provided_barriers,
-              [this](const std::string& barrier) { Provides(*GetBarrier(barrier, true)); });
-  ForEachName(metadata->required_barriers,
-              [this](const std::string& barrier) { Requires(*GetBarrier(barrier, true)); });
+  ForEachName(metadata->provided_barriers, [this, &registry](const std::string& barrier) {
+    Provides(*registry.GetBarrier(barrier, true));
+  });
+  ForEachName(metadata->required_barriers, [this, &registry](const std::string& barrier) {
+    Requires(*registry.GetBarrier(barrier, true));
+  });
 
   if (metadata->api_version >= kExtendedMetadataVersion) {
     InsertNames(metadata->required_flags, requiredFlags);

@@ -9,6 +9,8 @@
 
 namespace orvane {
 
+class BarrierRegistry;
+
 /// A plugin shipped as a shared object that exports a "metadata" record and
 /// an "operations" table (orvane/plugin.h). The object is loaded once, to
 /// read its declarations, and stays loaded; its code never runs in this
@@ -17,15 +19,15 @@ namespace orvane {
 /// result, so a plugin that crashes or hangs harms only its own helper.
 class NativePlugin : public Plugin {
  public:
-  /// Loads the object at @p libraryPath and links the plugin into the graph:
-  /// before each provided barrier, then after each required one, creating
-  /// barriers that do not exist yet. From API version 3 on it also takes the
-  /// boot flags, run-once flag and plugin version. Throws
+  /// Loads the object at @p libraryPath and links the plugin into the graph
+  /// of @p registry: before each provided barrier, then after each required
+  /// one, creating barriers that do not exist yet. From API version 3 on it
+  /// also takes the boot flags, run-once flag and plugin version. Throws
   /// InvalidPluginException when the object cannot be opened or declares an
   /// API version outside 1..4, and Exception when a symbol is missing; the
   /// object is closed again in those cases. @p nativeExecutor is the helper
   /// program; only tests pass another one.
-  NativePlugin(std::string name, std::string libraryPath,
+  NativePlugin(std::string name, std::string libraryPath, BarrierRegistry& registry,
                std::string nativeExecutor = paths::kNativeExecutor);
 
   /// Runs the object's start operation in the helper.

@@ -134,9 +134,10 @@ void DetachFromCaller() {
 // state.runOnce. Only an invoke run reads the run-once record first: a boot
 // starts from the command-line keys and rewrites the record with what it
 // loads.
-void LoadPlugins(const RunOptions& options, RunState& state, LoadedPlugins& plugins) {
+void LoadPlugins(const RunOptions& options, RunState& state, LoadedPlugins& plugins,
+                 BarrierRegistry& registry) {
   if (state.daemon) {
-    for (std::unique_ptr<Plugin>& daemon : DiscoverInitdDaemons()) {
+    for (std::unique_ptr<Plugin>& daemon : DiscoverInitdDaemons(registry)) {
       plugins.Append(std::move(daemon));
     }
     return;
@@ -145,7 +146,7 @@ void LoadPlugins(const RunOptions& options, RunState& state, LoadedPlugins& plug
     ReadRunOnceRecord(state.runOnce);
   }
   EnumeratePlugins(state.pluginList, {state.pluginFlags, options.disabledPlugins, state.runOnce},
-                   options, plugins);
+                   options, plugins, registry);
 }
 
 // The worker count. A stateless host always starts its plugins one at a time.
@@ -204,11 +205,12 @@ bool CheckDumpWritten(std::ostream& stream, const std::string& destination) {
 // (truncated) or to standard output; false when the file cannot be opened,
 // in which case nothing is written, or when writing fails (a full disk):
 // a dump cut short must not pass for the graph.
-bool DumpDependencyTree(const PluginList& pluginList, const RunState& state) {
+bool DumpDependencyTree(const PluginList& pluginList, BarrierRegistry& registry,
+                        const RunState& state) {
   const std::deque<Node*> plugins(pluginList.begin(), pluginList.end());
   errno = 0;  // what a failed write leaves here is the cause to report
   if (!state.dumpPath) {
-    WriteDependencyTree(plugins, ListBarriers(), std::cout);
+    WriteDependencyTree(plugins, registry.ListBarriers(), std::cout);
     return CheckDumpWritten(std::cout, "standard output");
   }
   std::ofstream file(*state.dumpPath, std::ios::out | std::ios::trunc);
@@ -217,22 +219,23 @@ bool DumpDependencyTree(const PluginList& pluginList, const RunState& state) {
               state.dumpPath->c_str(), std::strerror(errno));
     return false;
   }
-  WriteDependencyTree(plugins, ListBarriers(), file);
+  WriteDependencyTree(plugins, registry.ListBarriers(), file);
   file.close();
   return CheckDumpWritten(file, "'" + *state.dumpPath + "'");
 }
 
-// Loads the plugins, then dumps the graph or runs them; false when a
-// standard exception ended either or the dump could not be written.
+// Loads the plugins into the graph of @p registry, then dumps the graph or
+// runs them; false when a standard exception ended either or the dump could
+// not be written.
 bool LoadAndRunPlugins(RunOptions& options, RunState& state, LoadedPlugins& plugins,
-                       RunRecord& record) {
+                       BarrierRegistry& registry, RunRecord& record) {
   try {
-    LoadPlugins(options, state, plugins);
+    LoadPlugins(options, state, plugins, registry);
     ChooseThreadCount(options, plugins.List());
     if (state.dump) {
-      return DumpDependencyTree(plugins.List(), state);
+      return DumpDependencyTree(plugins.List(), registry, state);
     }
-    record.Open(options, state, plugins, ListBarriers());
+    record.Open(options, state, plugins, registry.ListBarriers());
     RunPluginPass(plugins.List(), options, state, record);
     return true;
   } catch (const std::exception& error) {
@@ -276,9 +279,12 @@ int Main(int argc, char* argv[], char* envp[]) {
   StoreAbsolutePluginDirectory(options, state);
   DetachFromCaller();
 
+  // The run links its plugins into the process-wide registry. This is the
+  // one place that picks it; every loader is handed it from here.
+  BarrierRegistry& registry = BarrierRegistry::Instance();
   LoadedPlugins plugins;
   RunRecord record;
-  const bool succeeded = LoadAndRunPlugins(options, state, plugins, record);
+  const bool succeeded = LoadAndRunPlugins(options, state, plugins, registry, record);
 
   // The closing steps, whatever became of the plugins; each is attempted
   // even when the one before failed.

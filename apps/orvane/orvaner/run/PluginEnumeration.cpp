@@ -26,9 +26,9 @@ constexpr const char* kNativeExtension = "so";
 constexpr const char* kJSONExtension = "json";
 constexpr const char* kRunOnceKeyRejects = "[^-a-zA-Z0-9._+]";
 
-std::unique_ptr<Plugin> MakeDebugPlugin(const DebugEntry& entry) {
+std::unique_ptr<Plugin> MakeDebugPlugin(const DebugEntry& entry, BarrierRegistry& registry) {
   return std::make_unique<DebugPlugin>(entry.name, entry.requiredBarriers, entry.providedBarriers,
-                                       entry.command);
+                                       entry.command, registry);
 }
 
 // "libfoo" and "foo" name the same plugin; only the exact lower-case prefix
@@ -151,41 +151,43 @@ void Filter(std::unique_ptr<Plugin> plugin, const std::string& fileName, const s
 
 void WalkPluginDirectory(const std::string& directory, LoadedPlugins& plugins,
                          const PluginFilters& filters, const RunOptions& options,
-                         const std::string& debugConfiguration) {
+                         BarrierRegistry& registry, const std::string& debugConfiguration) {
   for (const std::filesystem::directory_entry& entry :
        std::filesystem::directory_iterator(directory)) {
-    LoadPlugin(entry.path().filename().string(), plugins, filters, options, debugConfiguration);
+    LoadPlugin(entry.path().filename().string(), plugins, filters, options, registry,
+               debugConfiguration);
   }
 }
 
 void LoadAll(const std::vector<std::string>& pluginNames, const PluginFilters& filters,
-             const RunOptions& options, LoadedPlugins& plugins,
+             const RunOptions& options, LoadedPlugins& plugins, BarrierRegistry& registry,
              const std::string& debugConfiguration) {
   if (!pluginNames.empty()) {
     for (const std::string& fileName : pluginNames) {
-      LoadPlugin(fileName, plugins, filters, options, debugConfiguration);
+      LoadPlugin(fileName, plugins, filters, options, registry, debugConfiguration);
     }
     return;
   }
   std::vector<DebugEntry> debugEntries;
   ReadDebugConfiguration(debugEntries, debugConfiguration);
-  WalkPluginDirectory(options.pluginDirectory, plugins, filters, options, debugConfiguration);
+  WalkPluginDirectory(options.pluginDirectory, plugins, filters, options, registry,
+                      debugConfiguration);
   for (const DebugEntry& entry : debugEntries) {
-    plugins.Append(MakeDebugPlugin(entry), debugConfiguration);
+    plugins.Append(MakeDebugPlugin(entry, registry), debugConfiguration);
   }
 }
 
 }  // namespace
 
 void EnumeratePlugins(const std::vector<std::string>& pluginNames, const PluginFilters& filters,
-                      const RunOptions& options, LoadedPlugins& plugins,
+                      const RunOptions& options, LoadedPlugins& plugins, BarrierRegistry& registry,
                       const std::string& debugConfiguration) {
   // The list is handed over whole once enumeration is over. When it fails
   // half-way, what was loaded stays alive, because the barriers it joined
   // refer to it, but takes no part in the run.
   LoadedPlugins enumerated;
   try {
-    LoadAll(pluginNames, filters, options, enumerated, debugConfiguration);
+    LoadAll(pluginNames, filters, options, enumerated, registry, debugConfiguration);
   } catch (...) {
     plugins.Keep(std::move(enumerated));
     throw;
@@ -194,7 +196,8 @@ void EnumeratePlugins(const std::vector<std::string>& pluginNames, const PluginF
 }
 
 void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const PluginFilters& filters,
-                const RunOptions& options, const std::string& debugConfiguration) {
+                const RunOptions& options, BarrierRegistry& registry,
+                const std::string& debugConfiguration) {
   const std::string path = FullPath(options.pluginDirectory, fileName);
   const std::string::size_type lastDot = fileName.rfind('.');
   if (lastDot == std::string::npos) {
@@ -208,15 +211,16 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
 
   std::unique_ptr<Plugin> plugin;
   if (extension == kNativeExtension) {
-    plugin = ConstructOrReport(fileName, pluginName, plugins,
-                               [&] { return std::make_unique<NativePlugin>(pluginName, path); });
+    plugin = ConstructOrReport(fileName, pluginName, plugins, [&] {
+      return std::make_unique<NativePlugin>(pluginName, path, registry);
+    });
   } else if (extension == kJSONExtension) {
     plugin = ConstructOrReport(fileName, pluginName, plugins,
-                               [&] { return JSONPlugin::Load(pluginName, path); });
+                               [&] { return JSONPlugin::Load(pluginName, path, registry); });
   } else if (extension == kDebugExtension) {
     for (const DebugEntry& entry : *debugEntries) {
       if (entry.name == pluginName) {
-        plugins.Append(MakeDebugPlugin(entry), debugConfiguration);
+        plugins.Append(MakeDebugPlugin(entry, registry), debugConfiguration);
       }
     }
     return;
