@@ -161,23 +161,5 @@ TEST_F(BarrierRegistryTest, PlainBarrierWithAPriorityNameIsTakenOverByTheLevel) 
   EXPECT_EQ(registry.GetBarrier(PriorityBarrier::NameOf(40), false), &level);
 }
 
-TEST_F(BarrierRegistryTest, ScopedInstanceStandsInForTheProcessWideRegistryUntilItEnds) {
-  BarrierRegistry& processWide = BarrierRegistry::Instance();
-  {
-    BarrierRegistry::ScopedInstance outer(registry);
-    EXPECT_EQ(&BarrierRegistry::Instance(), &registry);
-    BarrierRegistry inner;
-    {
-      BarrierRegistry::ScopedInstance nested(inner);
-      EXPECT_EQ(&BarrierRegistry::Instance(), &inner);
-      BarrierRegistry::Instance().GetBarrier("only-inner", true);
-    }
-    EXPECT_EQ(&BarrierRegistry::Instance(), &registry);
-    EXPECT_NE(inner.GetBarrier("only-inner", false), nullptr);
-    EXPECT_EQ(registry.GetBarrier("only-inner", false), nullptr);
-  }
-  EXPECT_EQ(&BarrierRegistry::Instance(), &processWide);
-}
-
 }  // namespace
 }  // namespace orvane::testing

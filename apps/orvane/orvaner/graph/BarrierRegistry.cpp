@@ -1,41 +1,23 @@
 #include "orvaner/graph/BarrierRegistry.h"
 
 #include <algorithm>
-#include <atomic>
 
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/graph/InitBarrier.h"
 #include "orvaner/graph/PriorityBarrier.h"
 
 namespace orvane {
-namespace {
-
-// The registry a ScopedInstance put in place of the process-wide one, or null.
-std::atomic<BarrierRegistry*>& ScopedRegistry() {
-  static std::atomic<BarrierRegistry*> registry{nullptr};
-  return registry;
-}
-
-}  // namespace
 
 BarrierRegistry::BarrierRegistry() = default;
 
 BarrierRegistry::~BarrierRegistry() = default;
 
 BarrierRegistry& BarrierRegistry::Instance() {
-  if (BarrierRegistry* scoped = ScopedRegistry().load()) {
-    return *scoped;
-  }
   // Never destroyed: worker threads may still look at barriers while the
   // process exits.
   static auto* registry = new BarrierRegistry;
   return *registry;
 }
-
-BarrierRegistry::ScopedInstance::ScopedInstance(BarrierRegistry& registry)
-    : previous_(ScopedRegistry().exchange(&registry)) {}
-
-BarrierRegistry::ScopedInstance::~ScopedInstance() { ScopedRegistry().store(previous_); }
 
 Node* BarrierRegistry::GetBarrier(const std::string& name, bool create) {
   GraphLockGuard lock;
@@ -115,20 +97,6 @@ PriorityBarrier& BarrierRegistry::Level(std::uint32_t priority) {
 void BarrierRegistry::Adopt(std::unique_ptr<Node> barrier) {
   GraphLockGuard lock;
   owned_.push_back(std::move(barrier));
-}
-
-Node* GetBarrier(const std::string& name, bool create) {
-  return BarrierRegistry::Instance().GetBarrier(name, create);
-}
-
-void RegisterBarrier(Node& node, const std::string& name) {
-  BarrierRegistry::Instance().RegisterBarrier(node, name);
-}
-
-std::deque<Node*> ListBarriers() { return BarrierRegistry::Instance().ListBarriers(); }
-
-PriorityBarrier& GetPriorityBarrier(std::uint32_t priority) {
-  return BarrierRegistry::Instance().GetPriorityBarrier(priority);
 }
 
 }  // namespace orvane

@@ -26,25 +26,10 @@ class BarrierRegistry {
   BarrierRegistry(const BarrierRegistry&) = delete;
   BarrierRegistry& operator=(const BarrierRegistry&) = delete;
 
-  /// The process-wide registry, created on first use and never destroyed;
-  /// while a ScopedInstance exists, the registry it names instead.
+  /// The process-wide registry, created on first use and never destroyed.
+  /// Only main picks it, for the run; every loader is handed the registry
+  /// it links its plugins into.
   static BarrierRegistry& Instance();
-
-  /// Makes Instance(), and with it every plugin kind that links itself
-  /// through the process-wide registry, use @p registry until the scope
-  /// ends; then the one before it is back. For a program that loads several
-  /// plugin sets one after the other, each into a graph of its own. Create
-  /// and destroy it only while no other thread uses the graph.
-  class ScopedInstance {
-   public:
-    explicit ScopedInstance(BarrierRegistry& registry);
-    ~ScopedInstance();
-    ScopedInstance(const ScopedInstance&) = delete;
-    ScopedInstance& operator=(const ScopedInstance&) = delete;
-
-   private:
-    BarrierRegistry* previous_;
-  };
 
   /// The vertex registered under @p name, whatever its class. Otherwise a
   /// new InitBarrier of that name when @p create is true, else null.
@@ -76,14 +61,5 @@ class BarrierRegistry {
   std::vector<std::unique_ptr<Node>> owned_;
   std::vector<std::uint32_t> priorityList_;
 };
-
-/// GetBarrier of the process-wide registry.
-Node* GetBarrier(const std::string& name, bool create);
-/// RegisterBarrier of the process-wide registry.
-void RegisterBarrier(Node& node, const std::string& name);
-/// ListBarriers of the process-wide registry.
-std::deque<Node*> ListBarriers();
-/// GetPriorityBarrier of the process-wide registry.
-PriorityBarrier& GetPriorityBarrier(std::uint32_t priority);
 
 }  // namespace orvane
