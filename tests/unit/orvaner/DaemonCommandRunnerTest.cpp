@@ -18,6 +18,7 @@
 #include "DaemonTestSupport.h"
 #include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "ZelkKernel/ProcessExitWatch.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
@@ -30,15 +31,6 @@ namespace {
 using ::testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
 using ZelkKernel::ProcessExitWatch;
-
-/// Puts another pause between the runner's polls for the life of the scope.
-class PauseScope {
- public:
-  explicit PauseScope(DaemonCommandPause pause) { ReplaceDaemonCommandPause(std::move(pause)); }
-  ~PauseScope() { ReplaceDaemonCommandPause({}); }
-  PauseScope(const PauseScope&) = delete;
-  PauseScope& operator=(const PauseScope&) = delete;
-};
 
 /// The runner's own pauses, counted: how many polls found the command still
 /// running, whatever the machine's speed.
@@ -58,7 +50,7 @@ class CountedPauses {
  private:
   std::atomic<unsigned> count_{0};
   std::atomic<unsigned> otherPeriods_{0};
-  PauseScope scope_;
+  unit_testing::ScopedDaemonCommandPause scope_;
 };
 
 class DaemonCommandRunnerTest : public ::testing::Test {
@@ -249,12 +241,13 @@ TEST_F(DaemonCommandRunnerTest, CommandThatEndsDuringAPauseCutsThePauseShort) {
   }
   ::close(release[0]);
   std::vector<Clock::duration> pauseLengths;
-  const PauseScope longPauses([&](const ProcessExitWatch& exitWatch, std::chrono::microseconds) {
-    if (pauseLengths.empty()) ::close(release[1]);  // the child's read ends
-    const Clock::time_point begin = Clock::now();
-    exitWatch.WaitAtMost(kLongPeriod);
-    pauseLengths.push_back(Clock::now() - begin);
-  });
+  const unit_testing::ScopedDaemonCommandPause longPauses(
+      [&](const ProcessExitWatch& exitWatch, std::chrono::microseconds) {
+        if (pauseLengths.empty()) ::close(release[1]);  // the child's read ends
+        const Clock::time_point begin = Clock::now();
+        exitWatch.WaitAtMost(kLongPeriod);
+        pauseLengths.push_back(Clock::now() - begin);
+      });
   EXPECT_EQ(AwaitDaemonCommand(child, 3, true, "quick start"), "");
   if (pauseLengths.empty()) ::close(release[1]);
   ASSERT_EQ(pauseLengths.size(), 1u);  // the next poll found the child ended
@@ -415,7 +408,8 @@ TEST_F(DaemonCommandRunnerTest, ScriptKilledBySignalIsReportedWithoutAProcess) {
   DaemonOptionsScope options(false, 5);
   unit_testing::FakeSpawner spawner;
   spawner.polls = {std::nullopt, process::ExitStatus::KilledBy(SIGTERM)};
-  PauseScope noPause([](const ProcessExitWatch&, std::chrono::microseconds) {});
+  unit_testing::ScopedDaemonCommandPause noPause(
+      [](const ProcessExitWatch&, std::chrono::microseconds) {});
   EXPECT_EQ(Failure("/etc/init.d/ntpd stop"),
             "Execution of command: /etc/init.d/ntpd stop failed with signal: 15");
 }
@@ -432,7 +426,8 @@ TEST_F(DaemonCommandRunnerTest, ScriptStillRunningAfterTheTimeOutTimesOutWithout
   DaemonOptionsScope options(true, 2);
   unit_testing::FakeSpawner spawner;  // every poll: still running
   std::atomic<unsigned> pauses{0};
-  PauseScope counted([&pauses](const ProcessExitWatch&, std::chrono::microseconds) { ++pauses; });
+  unit_testing::ScopedDaemonCommandPause counted(
+      [&pauses](const ProcessExitWatch&, std::chrono::microseconds) { ++pauses; });
   EXPECT_EQ(Failure("/etc/init.d/slow start"),
             "Execution of command: '/etc/init.d/slow start' timed out.");
   EXPECT_EQ(pauses.load(), 200u);
@@ -443,7 +438,8 @@ TEST_F(DaemonCommandRunnerTest, ScriptStillRunningWithoutWaitIsTakenAsStartedWit
   DaemonOptionsScope options(false, 2);
   unit_testing::FakeSpawner spawner;
   std::atomic<unsigned> pauses{0};
-  PauseScope counted([&pauses](const ProcessExitWatch&, std::chrono::microseconds) { ++pauses; });
+  unit_testing::ScopedDaemonCommandPause counted(
+      [&pauses](const ProcessExitWatch&, std::chrono::microseconds) { ++pauses; });
   EXPECT_EQ(Failure("/etc/init.d/slow start"), "");
   EXPECT_EQ(pauses.load(), 1000u);
 }

@@ -10,10 +10,10 @@
 #include "DaemonTestSupport.h"
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "orvaner/Exception.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/DaemonPlugin.h"
-#include "orvaner/run/Logging.h"
 #include "orvaner/run/RunOptions.h"
 
 namespace orvane::testing {
@@ -27,15 +27,6 @@ using ::testing::Not;
 
 class DaemonPluginTest : public GraphTest {
  protected:
-  void SetUp() override {
-    GraphTest::SetUp();
-    ReplaceAlertLogSink([this](const std::string& line) { kernelLog.push_back(line); });
-  }
-  void TearDown() override {
-    ReplaceAlertLogSink({});
-    GraphTest::TearDown();
-  }
-
   /// A daemon whose start and stop commands are scripts with these bodies
   /// (none stored for an empty body).
   TestDaemon& Daemon(const std::string& name, const std::string& startBody,
@@ -70,6 +61,8 @@ class DaemonPluginTest : public GraphTest {
   unit_testing::TemporaryDirectory directory;
   std::vector<std::unique_ptr<TestDaemon>> daemons;
   std::vector<std::string> kernelLog;
+  unit_testing::ScopedAlertLogSink alertLogSink{
+      [this](const std::string& line) { kernelLog.push_back(line); }};
   DaemonOptionsScope options{true, 5};
 };
 

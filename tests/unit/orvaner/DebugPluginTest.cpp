@@ -13,12 +13,12 @@
 
 #include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/DebugPlugin.h"
-#include "orvaner/run/Logging.h"
 #include "orvaner/run/RunOptions.h"
 
 namespace orvane {
@@ -150,7 +150,8 @@ TEST_F(DebugPluginTest, FailingInjectionIsStillActivatedAndReleasesItsDependants
   ASSERT_FALSE(options.interactive);
   ASSERT_TRUE(options.method.empty());
   std::vector<std::string> kernelLog;
-  ReplaceAlertLogSink([&kernelLog](const std::string& line) { kernelLog.push_back(line); });
+  const unit_testing::ScopedAlertLogSink alertLogSink(
+      [&kernelLog](const std::string& line) { kernelLog.push_back(line); });
   ::testing::internal::CaptureStderr();
   {
     Executor executor(1, false);
@@ -160,7 +161,6 @@ TEST_F(DebugPluginTest, FailingInjectionIsStillActivatedAndReleasesItsDependants
     after.WaitStarted();
   }
   const std::string logged = ::testing::internal::GetCapturedStderr();
-  ReplaceAlertLogSink({});
   EXPECT_THAT(logged, ::testing::HasSubstr("debug injection 'failing' returned 0x000100\n"));
   EXPECT_THAT(kernelLog,
               ElementsAre("Activating Orvane plugin failing.", "Orvane plugin failing activated.",

@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "RandomGraph.h"
+#include "TestSeams.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -129,10 +129,7 @@ void RunPass(const std::vector<TestVertex*>& plugins, Executor& executor, bool f
 
 class GraphPasses : public ::testing::Test {
  protected:
-  GraphPasses() {
-    ReplaceSystemAlertSink([](const std::string&) {});
-  }
-  ~GraphPasses() override { ReplaceSystemAlertSink({}); }
+  unit_testing::ScopedSystemAlertSink silencedAlerts_{[](const std::string&) {}};
 };
 
 /// Runs one random graph through an executor and checks the pass.

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "TestSeams.h"
 #include "log/Log.h"
 #include "orvaner/graph/Node.h"
 #include "orvaner/plugins/Plugin.h"
 #include "orvaner/run/RunOptions.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane::testing {
 
@@ -68,15 +68,13 @@ class GraphTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Log_Exit();
-    ReplaceSystemAlertSink([this](const std::string& text) { alerts.push_back(text); });
     RunOptions::Instance().invoke = false;
   }
-  void TearDown() override {
-    ReplaceSystemAlertSink({});
-    RunOptions::Instance().invoke = false;
-  }
+  void TearDown() override { RunOptions::Instance().invoke = false; }
 
   std::vector<std::string> alerts;
+  unit_testing::ScopedSystemAlertSink alertSink{
+      [this](const std::string& text) { alerts.push_back(text); }};
   RunLog runLog;
 };
 

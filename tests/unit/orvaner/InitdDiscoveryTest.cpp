@@ -7,13 +7,13 @@
 #include "FakeSpawner.h"
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "orvaner/Exception.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/PriorityBarrier.h"
 #include "orvaner/plugins/InitdDiscovery.h"
 #include "orvaner/plugins/LegacyDaemonPlugin.h"
-#include "orvaner/run/Logging.h"
 
 namespace orvane::testing {
 namespace {
@@ -149,7 +149,7 @@ TEST_F(InitdDiscoveryTest, DiscoveredDaemonsStartLevelByLevel) {
                std::to_string(order) + "\n";
   }
   auto plugins = Discover(listing);
-  ReplaceAlertLogSink([](const std::string&) {});
+  const unit_testing::ScopedAlertLogSink silencedAlertLog([](const std::string&) {});
   ::testing::internal::CaptureStderr();
   {
     Executor executor(1, false);
@@ -157,7 +157,6 @@ TEST_F(InitdDiscoveryTest, DiscoveredDaemonsStartLevelByLevel) {
     for (auto& plugin : plugins) plugin->WaitStarted();
   }
   ::testing::internal::GetCapturedStderr();
-  ReplaceAlertLogSink({});
   EXPECT_EQ(directory.Read("record"), "start a\nstart a2\nstart b\nstart c\n");
 }
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
 #include "orvaner/graph/BarrierRegistry.h"
@@ -26,7 +27,6 @@
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/run/PluginEnumeration.h"
 #include "orvaner/run/RunOptions.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -702,12 +702,8 @@ class JSONPluginLoadTest : public ::testing::Test {
     Log_Exit();
     savedDirectory_ = RunOptions::Instance().pluginDirectory;
     RunOptions::Instance().pluginDirectory = temporary_.Path().string();
-    ReplaceSystemAlertSink([this](const std::string& text) { alerts_.push_back(text); });
   }
-  void TearDown() override {
-    ReplaceSystemAlertSink({});
-    RunOptions::Instance().pluginDirectory = savedDirectory_;
-  }
+  void TearDown() override { RunOptions::Instance().pluginDirectory = savedDirectory_; }
 
   /// Loads @p fileName; returns what was logged.
   std::string LoadLogged(const std::string& fileName) {
@@ -720,6 +716,8 @@ class JSONPluginLoadTest : public ::testing::Test {
   unit_testing::TemporaryDirectory temporary_;
   std::string savedDirectory_;
   std::vector<std::string> alerts_;
+  unit_testing::ScopedSystemAlertSink alertSink_{
+      [this](const std::string& text) { alerts_.push_back(text); }};
   std::vector<std::string> noneDisabled_;
   std::set<std::string> runOnce_;
   BarrierRegistry registry_;

@@ -19,6 +19,7 @@
 
 #include "FakeSpawner.h"
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "ZelkuserCompat/Spawn.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
@@ -26,10 +27,8 @@
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/plugins/NativePlugin.h"
-#include "orvaner/run/Logging.h"
 #include "orvaner/run/PluginEnumeration.h"
 #include "orvaner/run/RunOptions.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -437,7 +436,8 @@ TEST_F(NativePluginTest, HelperThatIsNotExecutableFailsToSpawn) {
 
 TEST_F(NativePluginTest, FileActionsThatCannotBeCreatedAreTheReason) {
   NativePlugin& plugin = Load("native_first", ORVANE_TEST_PLUGIN_NATIVE_FIRST);
-  ZelkuserCompat_InjectFailure(ZelkuserCompat_Call::SpawnFileActionsInit, ENOMEM);
+  const unit_testing::ScopedSpawnCallFailure failure(ZelkuserCompat_Call::SpawnFileActionsInit,
+                                                     ENOMEM);
   EXPECT_EQ(MethodFailure([&] { plugin.Start(); }),
             "native_first->start() failed: failed to init file actions: Cannot allocate memory");
   EXPECT_FALSE(temporary_.Exists("record")) << "the helper ran";
@@ -532,7 +532,8 @@ TEST_F(NativePluginTest, CrashingPluginIsReportedAndItsDependantStillRuns) {
   ASSERT_FALSE(RunOptions::Instance().interactive);
   ASSERT_TRUE(RunOptions::Instance().method.empty());
   std::vector<std::string> kernelLog;
-  ReplaceAlertLogSink([&kernelLog](const std::string& line) { kernelLog.push_back(line); });
+  const unit_testing::ScopedAlertLogSink alertLogSink(
+      [&kernelLog](const std::string& line) { kernelLog.push_back(line); });
   ::testing::internal::CaptureStderr();
   {
     Executor executor(1, false);
@@ -542,7 +543,6 @@ TEST_F(NativePluginTest, CrashingPluginIsReportedAndItsDependantStillRuns) {
     crash.WaitStarted();
   }
   const std::string logged = ::testing::internal::GetCapturedStderr();
-  ReplaceAlertLogSink({});
   EXPECT_THAT(logged, HasSubstr("Method invocation failed: crash->start() failed: exited with "
                                 "signal: 11\n"));
   EXPECT_THAT(kernelLog, ElementsAre("Activating Orvane plugin crash.",
@@ -563,10 +563,8 @@ class NativePluginLoadingTest : public NativePluginTest {
     std::filesystem::create_directory(directory_);
     savedDirectory_ = RunOptions::Instance().pluginDirectory;
     RunOptions::Instance().pluginDirectory = directory_;
-    ReplaceSystemAlertSink([this](const std::string& text) { alerts_.push_back(text); });
   }
   void TearDown() override {
-    ReplaceSystemAlertSink({});
     RunOptions::Instance().pluginDirectory = savedDirectory_;
     NativePluginTest::TearDown();
   }
@@ -585,6 +583,8 @@ class NativePluginLoadingTest : public NativePluginTest {
   std::string directory_;
   std::string savedDirectory_;
   std::vector<std::string> alerts_;
+  unit_testing::ScopedSystemAlertSink alertSink_{
+      [this](const std::string& text) { alerts_.push_back(text); }};
   std::vector<std::string> noneDisabled_;
   std::set<std::string> runOnce_;
   LoadedPlugins plugins_;

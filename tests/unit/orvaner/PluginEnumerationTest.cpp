@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "log/Log.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/DebugPlugin.h"
@@ -21,7 +22,6 @@
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/run/PluginEnumeration.h"
 #include "orvaner/run/RunOptions.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -180,12 +180,6 @@ std::string Description(const std::string& requiredFlags = "[]",
 /// sets; alerts are collected instead of raised.
 class PluginFilterTest : public PluginEnumerationTest {
  protected:
-  void SetUp() override {
-    PluginEnumerationTest::SetUp();
-    ReplaceSystemAlertSink([this](const std::string& text) { alerts_.push_back(text); });
-  }
-  void TearDown() override { ReplaceSystemAlertSink({}); }
-
   void WritePlugin(const std::string& fileName, const std::string& content) {
     std::ofstream(std::filesystem::path(options_.pluginDirectory) / fileName) << content;
   }
@@ -214,6 +208,8 @@ class PluginFilterTest : public PluginEnumerationTest {
   std::vector<std::string> disabled_;
   std::set<std::string> runOnce_;
   std::vector<std::string> alerts_;
+  unit_testing::ScopedSystemAlertSink alertSink_{
+      [this](const std::string& text) { alerts_.push_back(text); }};
 };
 
 TEST_F(PluginFilterTest, FileNamedDotJsonIsAJSONPluginWithAnEmptyName) {

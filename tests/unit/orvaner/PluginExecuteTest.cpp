@@ -13,13 +13,13 @@
 #include <thread>
 
 #include "GraphTestSupport.h"
+#include "TestSeams.h"
 #include "orvaner/Exception.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/plugins/HostProfile.h"
 #include "orvaner/plugins/InteractiveConsole.h"
 #include "orvaner/plugins/Plugin.h"
-#include "orvaner/run/Logging.h"
 
 namespace orvane::testing {
 namespace {
@@ -86,8 +86,6 @@ class PluginExecuteTest : public GraphTest {
  protected:
   void SetUp() override {
     GraphTest::SetUp();
-    ReplaceAlertLogSink([this](const std::string& line) { kernelLog.push_back(line); });
-    ReplaceActivationConsole(&console);
     char pattern[] = "/tmp/orvane-execute-XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     directory = pattern;
@@ -105,8 +103,6 @@ class PluginExecuteTest : public GraphTest {
   void TearDown() override {
     Restore(saved);
     ResetHostProfileCheck();
-    ReplaceActivationConsole(nullptr);
-    ReplaceAlertLogSink({});
     fs::remove_all(directory);
     GraphTest::TearDown();
   }
@@ -139,7 +135,10 @@ class PluginExecuteTest : public GraphTest {
   }
 
   std::vector<std::string> kernelLog;
+  unit_testing::ScopedAlertLogSink alertLogSink{
+      [this](const std::string& line) { kernelLog.push_back(line); }};
   ScriptedConsole console;
+  unit_testing::ScopedActivationConsole activationConsole{&console};
   fs::path directory, profile, compressedProfile;
   Options saved;
 };

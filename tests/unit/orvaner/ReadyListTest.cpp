@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "RandomGraph.h"
+#include "TestSeams.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/graph/ReadyList.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 namespace {
@@ -93,10 +93,7 @@ std::unordered_map<Node*, int> IndexOf(const std::vector<Node*>& vertices) {
 
 class AlertsSilenced : public ::testing::Test {
  protected:
-  AlertsSilenced() {
-    ReplaceSystemAlertSink([](const std::string&) {});
-  }
-  ~AlertsSilenced() override { ReplaceSystemAlertSink({}); }
+  unit_testing::ScopedSystemAlertSink silencedAlerts_{[](const std::string&) {}};
 };
 
 using ReadyListEquivalence = AlertsSilenced;

@@ -12,10 +12,10 @@
 
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
+#include "TestSeams.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/LoadedPlugins.h"
-#include "orvaner/run/Logging.h"
 #include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunRecord.h"
 #include "orvaner/run/RunState.h"
@@ -38,15 +38,10 @@ class RecordedRunTest : public GraphTest {
  protected:
   void SetUp() override {
     GraphTest::SetUp();
-    ReplaceAlertLogSink([](const std::string&) {});
     state_.startTime = {1764000000, 123456};
     state_.startMonotonic = std::chrono::steady_clock::now();
     options_.threadCount = 2;
     options_.parallel = true;
-  }
-  void TearDown() override {
-    ReplaceAlertLogSink({});
-    GraphTest::TearDown();
   }
 
   /// Adds a plugin of /plugins/NAME.json linked to its barriers.
@@ -76,6 +71,7 @@ class RecordedRunTest : public GraphTest {
     for (Plugin* plugin : plugins_.List()) plugin->WaitStarted();
   }
 
+  unit_testing::ScopedAlertLogSink silencedAlertLog_{[](const std::string&) {}};
   unit_testing::TemporaryDirectory directory_;
   BarrierRegistry registry_;
   LoadedPlugins plugins_;
