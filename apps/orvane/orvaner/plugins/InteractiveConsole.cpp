@@ -130,7 +130,7 @@ char InteractiveConsole::ReadChoice() {
   }
 }
 
-InteractiveConsole& ActivationConsole() {
+InteractiveConsole& InteractiveConsole::Instance() {
   static InteractiveConsole standardConsole;
   InteractiveConsole* replacement = ReplacementConsole();
   return replacement != nullptr ? *replacement : standardConsole;

@@ -39,6 +39,10 @@ class InteractiveConsole {
   InteractiveConsole(const InteractiveConsole&) = delete;
   InteractiveConsole& operator=(const InteractiveConsole&) = delete;
 
+  /// The console Plugin::Execute prompts on: the process-wide one on the
+  /// standard streams and the host's devices, unless a test replaced it.
+  static InteractiveConsole& Instance();
+
   /// Shows the plugin's name and the four choices, then reads single keys
   /// (no echo, no line editing; upper case folds to lower) until one of
   /// c, e, s and t arrives, and returns it. Keys of no choice are ignored,
@@ -64,13 +68,10 @@ class InteractiveConsole {
   Devices devices_;
 };
 
-/// The console Plugin::Execute prompts on: the standard streams and the
-/// host's devices, unless a test replaced it.
-InteractiveConsole& ActivationConsole();
-
-/// Makes @p console the one ActivationConsole returns; null goes back to the
-/// standard one. The caller keeps @p console alive while it is in use. For
-/// tests, which must not switch the machine's virtual terminals.
+/// Makes @p console the one InteractiveConsole::Instance returns; null goes
+/// back to the standard one. The caller keeps @p console alive while it is
+/// in use. For tests, which must not switch the machine's virtual
+/// terminals.
 void ReplaceActivationConsole(InteractiveConsole* console);
 
 }  // namespace orvane

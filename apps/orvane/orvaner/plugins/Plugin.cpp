@@ -59,7 +59,7 @@ bool Plugin::AskOperator() {
   RunOptions& options = RunOptions::Instance();
   if (!options.interactive) return true;
 
-  InteractiveConsole& console = ActivationConsole();
+  InteractiveConsole& console = InteractiveConsole::Instance();
   std::vector<std::string>& requirements = options.interactiveModeRequires;
   if (!requirements.empty()) {
     // Prompting begins only after every listed plugin has been reached; the
