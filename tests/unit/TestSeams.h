@@ -1,9 +1,10 @@
 // The places where a unit test puts something of its own in for a
-// process-wide sink, each as an object that holds the replacement for the
-// life of its scope and puts the default back when the scope ends, even
-// when an assertion ends the test early. The replaceable functions are
+// process-wide sink or source, each as an object that holds the replacement
+// for the life of its scope and puts the default back when the scope ends,
+// even when an assertion ends the test early. The replaceable functions are
 // declared in the layer they belong to; this is the one place the tests
-// reach them from. Make and end each while no other thread uses the sink.
+// reach them from. Make and end each while no other thread uses what it
+// replaces.
 //
 // Seams that need no scope: a fake spawner (FakeSpawner.h) takes the
 // place of the process-wide one for its own lifetime, through
@@ -17,6 +18,7 @@
 
 #include "ZelkuserCompat/Spawn.h"
 #include "orvaner/plugins/DaemonCommandRunner.h"
+#include "orvaner/plugins/HostProfile.h"
 #include "orvaner/plugins/InteractiveConsole.h"
 #include "orvaner/run/Logging.h"
 #include "orvaner/run/SystemAlert.h"
@@ -52,6 +54,19 @@ using ScopedDaemonCommandPause =
 /// the caller keeps alive as long as the scope.
 using ScopedActivationConsole =
     ScopedReplacement<orvane::InteractiveConsole*, &orvane::ReplaceActivationConsole>;
+
+/// Whether the host has a host profile is asked afresh, of @p profile and
+/// @p compressedProfile instead of the host's files; when the scope ends the
+/// answer is forgotten again and the host's files are back.
+class ScopedHostProfileFiles {
+ public:
+  ScopedHostProfileFiles(std::string profile, std::string compressedProfile) {
+    orvane::ResetHostProfileCheck(std::move(profile), std::move(compressedProfile));
+  }
+  ~ScopedHostProfileFiles() { orvane::ResetHostProfileCheck(); }
+  ScopedHostProfileFiles(const ScopedHostProfileFiles&) = delete;
+  ScopedHostProfileFiles& operator=(const ScopedHostProfileFiles&) = delete;
+};
 
 /// The next @p call of the user-space spawn library fails with @p status
 /// without doing anything; a failure no call has taken by the end of the

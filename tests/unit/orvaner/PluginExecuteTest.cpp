@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <regex>
 #include <thread>
 
@@ -17,7 +18,6 @@
 #include "orvaner/Exception.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
-#include "orvaner/plugins/HostProfile.h"
 #include "orvaner/plugins/InteractiveConsole.h"
 #include "orvaner/plugins/Plugin.h"
 
@@ -91,7 +91,7 @@ class PluginExecuteTest : public GraphTest {
     directory = pattern;
     profile = directory / "hostprofile.xml";
     compressedProfile = directory / "hostprofile.xml.gz";
-    ResetHostProfileCheck(profile, compressedProfile);
+    hostProfileFiles.emplace(profile, compressedProfile);
     saved = Snapshot(RunOptions::Instance());
     RunOptions& options = RunOptions::Instance();
     options.interactive = false;
@@ -102,7 +102,6 @@ class PluginExecuteTest : public GraphTest {
 
   void TearDown() override {
     Restore(saved);
-    ResetHostProfileCheck();
     fs::remove_all(directory);
     GraphTest::TearDown();
   }
@@ -140,6 +139,7 @@ class PluginExecuteTest : public GraphTest {
   ScriptedConsole console;
   unit_testing::ScopedActivationConsole activationConsole{&console};
   fs::path directory, profile, compressedProfile;
+  std::optional<unit_testing::ScopedHostProfileFiles> hostProfileFiles;
   Options saved;
 };
 
@@ -356,7 +356,7 @@ TEST_F(PluginExecuteTest, PluginWithoutProfileSupportStartsAndLeavesTheTestToOth
 TEST_F(PluginExecuteTest, ProfileWhoseStatusCannotBeReadCountsAsAbsent) {
   const fs::path notADirectory = directory / "file";
   Touch(notADirectory);
-  ResetHostProfileCheck(notADirectory / "hostprofile.xml", notADirectory / "hostprofile.xml.gz");
+  hostProfileFiles.emplace(notADirectory / "hostprofile.xml", notADirectory / "hostprofile.xml.gz");
   ActivatedPlugin plugin("net", runLog, true);
   Execute(plugin);
   EXPECT_THAT(runLog.Entries(), ElementsAre("start net"));
