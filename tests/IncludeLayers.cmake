@@ -1,9 +1,11 @@
 # The graph core (the lock, the vertex, the barriers and their registry, the
 # ready list, the executor, the dump and what a pass reports) runs any kind
 # of vertex and so knows none: nothing it includes, directly or through
-# another header of the program, is a plugin kind or a loader. Nor does it
-# include itself round in a circle: a file of the core never reaches itself
-# through the files it includes (a header and its source count as one).
+# another header of the program, is a plugin kind, a loader or any other
+# file of a layer above it (only Exception and SystemAlert are shared by
+# all). Nor does it include itself round in a circle: a file of the core
+# never reaches itself through the files it includes (a header and its
+# source count as one).
 # Fails, naming the path of includes, when either stops being true.
 #   cmake -DSOURCE_DIR=... -P IncludeLayers.cmake
 cmake_minimum_required(VERSION 3.25)
@@ -15,6 +17,10 @@ set(core GraphLock Node ReadyQueue InitBarrier PriorityBarrier BarrierRegistry R
 # list, the enumeration), and the other loaders and plugin-side helpers.
 set(plugin_pattern "Plugin")
 set(plugin_side InitdDiscovery DebugConfiguration HostProfile InteractiveConsole)
+# What every layer may include: the exceptions and the system alert. Any
+# other file the core reaches belongs to a layer above it (the run, the
+# executor process, the plugins).
+set(shared Exception SystemAlert)
 
 # Files are found by name wherever they sit below the program's directory,
 # and an include is known by the name of the header it names.
@@ -101,6 +107,9 @@ foreach(name IN LISTS core)
     if(plugin)
       path_to(${name} ${used} path)
       list(APPEND failures "the graph core reaches a plugin kind or loader: ${path}")
+    elseif(NOT used IN_LIST core AND NOT used IN_LIST shared)
+      path_to(${name} ${used} path)
+      list(APPEND failures "the graph core reaches a layer above it: ${path}")
     endif()
   endforeach()
   if(name IN_LIST reached)
@@ -114,4 +123,4 @@ if(failures)
   message(FATAL_ERROR "include layers broken:\n  ${text}")
 endif()
 list(JOIN core ", " core_text)
-message(STATUS "graph core (${core_text}): no plugin kind or loader reached, no include cycle")
+message(STATUS "graph core (${core_text}): nothing of the layers above reached, no include cycle")

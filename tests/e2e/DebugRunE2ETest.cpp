@@ -87,6 +87,18 @@ TEST_F(DebugRunE2E, MissingProviderRaisesItsAlertAndTheRequirerStillRuns) {
               ElementsAre("Activating Orvane plugin needy.", "Orvane plugin needy activated."));
 }
 
+TEST_F(DebugRunE2E, MissingProviderOfAnInvokedPluginIsLoggedButRaisesNoAlert) {
+  WriteDebugConfiguration("needy:ghost::echo needy >> /tmp/record\n");
+  RunResult result = Orvane({"--invoke", "--method=start", "--plugin=needy.debug"});
+  EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
+  EXPECT_THAT(Recorded(), ElementsAre("needy"));
+  const std::string report =
+      "Orvane dependency error: Initialization barrier \"ghost\" is not provided by any plugin "
+      "but the following plugins require it: \"needy\"";
+  EXPECT_THAT(messages_, Contains(report));
+  EXPECT_THAT(KernelLog(), Not(Contains("<1>orvane: " + report)));
+}
+
 // ---- the worker pool
 
 TEST_F(DebugRunE2E, WithoutParallelIndependentInjectionsRunOneAfterTheOther) {

@@ -59,6 +59,12 @@ class Executor : public ReadyQueue {
   void SetObserver(PassObserver* observer) { observer_ = observer; }
   PassObserver* Observer() const { return observer_; }
 
+  /// Whether the pass raises system alerts (a barrier that nobody provides
+  /// raises one); it does unless told otherwise before the pass starts.
+  /// Either way the vertex still logs what it would have raised.
+  void SetRaisesAlerts(bool raisesAlerts) { raisesAlerts_ = raisesAlerts; }
+  bool RaisesAlerts() const { return raisesAlerts_; }
+
   /// The index of the worker running this code (0, 1, ... in the order they
   /// were started), or -1 on a thread that is no worker.
   static int CurrentWorker();
@@ -76,6 +82,7 @@ class Executor : public ReadyQueue {
   bool stopping_ = false;
   bool randomize_;
   PassObserver* observer_ = nullptr;
+  bool raisesAlerts_ = true;
 };
 
 }  // namespace orvane

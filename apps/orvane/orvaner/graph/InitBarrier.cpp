@@ -3,15 +3,15 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "orvaner/SystemAlert.h"
+#include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
-#include "orvaner/run/RunOptions.h"
-#include "orvaner/run/SystemAlert.h"
 
 namespace orvane {
 
 InitBarrier::InitBarrier(std::string name) : Node(std::move(name), kDefaultSchedulingClass) {}
 
-void InitBarrier::Execute(Executor&) {
+void InitBarrier::Execute(Executor& executor) {
   std::string text;
   {
     GraphLockGuard lock;
@@ -20,7 +20,7 @@ void InitBarrier::Execute(Executor&) {
     }
     text = MissingProviderText();
   }
-  if (!RunOptions::Instance().invoke) {
+  if (executor.RaisesAlerts()) {
     RaiseSystemAlert(text);
   }
   Log_Level(LOG_LEVEL_WARNING, "%s\n", text.c_str());

@@ -15,7 +15,7 @@ class InitBarrier : public Node {
   explicit InitBarrier(std::string name);
 
   /// The missing-provider check: with no predecessor, raises a system alert
-  /// (not in invoke mode) and logs a warning naming every requirer.
+  /// (when the pass raises alerts) and logs a warning naming every requirer.
   void Execute(Executor& executor) override;
   std::string DotAttributes() override;
 

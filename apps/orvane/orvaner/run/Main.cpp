@@ -176,6 +176,9 @@ void RunPluginPass(const PluginList& plugins, const RunOptions& options, const R
                    RunRecord& record) {
   Executor executor(static_cast<int>(options.threadCount), options.randomize);
   executor.SetObserver(&record);
+  // Invoking a method on chosen plugins is no boot: a barrier that nobody
+  // among them provides is expected and raises no alert.
+  executor.SetRaisesAlerts(!options.invoke);
   if (state.daemon && options.method == kStopMethod) {
     StopAll(plugins, executor);
     return;

@@ -1,4 +1,4 @@
-#include "orvaner/run/SystemAlert.h"
+#include "orvaner/SystemAlert.h"
 
 #include <utility>
 
