@@ -20,10 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/run/PluginEnumeration.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -17,11 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "orvaner/Logging.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/plugins/Plugin.h"
-#include "orvaner/run/Logging.h"
-#include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunRecord.h"
 #include "orvaner/run/RunState.h"
 

@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "orvaner/Logging.h"
 #include "orvaner/cli/QorcliExecutor.h"
-#include "orvaner/run/Logging.h"
 
 extern char** environ;
 

@@ -2,10 +2,10 @@
 # ready list, the executor, the dump and what a pass reports) runs any kind
 # of vertex and so knows none: nothing it includes, directly or through
 # another header of the program, is a plugin kind, a loader or any other
-# file of a layer above it (only Exception and SystemAlert are shared by
-# all). Nor does it include itself round in a circle: a file of the core
-# never reaches itself through the files it includes (a header and its
-# source count as one).
+# file of a layer above it (of the shared files at the top, only Exception
+# and SystemAlert). Nor does it include itself round in a circle: a file of
+# the core never reaches itself through the files it includes (a header and
+# its source count as one).
 # Fails, naming the path of includes, when either stops being true.
 #   cmake -DSOURCE_DIR=... -P IncludeLayers.cmake
 cmake_minimum_required(VERSION 3.25)
@@ -17,8 +17,9 @@ set(core GraphLock Node ReadyQueue InitBarrier PriorityBarrier BarrierRegistry R
 # list, the enumeration), and the other loaders and plugin-side helpers.
 set(plugin_pattern "Plugin")
 set(plugin_side InitdDiscovery DebugConfiguration HostProfile InteractiveConsole)
-# What every layer may include: the exceptions and the system alert. Any
-# other file the core reaches belongs to a layer above it (the run, the
+# Of the files every layer may include, the core needs only the exceptions
+# and the system alert; the run options and logging set-up belong to a run.
+# Any other file the core reaches belongs to a layer above it (the run, the
 # executor process, the plugins).
 set(shared Exception SystemAlert)
 

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/run/CommandLine.h"
-#include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunState.h"
 
 namespace {

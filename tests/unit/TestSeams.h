@@ -17,11 +17,11 @@
 #include <utility>
 
 #include "ZelkuserCompat/Spawn.h"
+#include "orvaner/Logging.h"
 #include "orvaner/SystemAlert.h"
 #include "orvaner/plugins/DaemonCommandRunner.h"
 #include "orvaner/plugins/HostProfile.h"
 #include "orvaner/plugins/InteractiveConsole.h"
-#include "orvaner/run/Logging.h"
 #include "process/Spawner.h"
 
 namespace unit_testing {

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "orvaner/Logging.h"
 #include "orvaner/SystemAlert.h"
-#include "orvaner/run/Logging.h"
 
 namespace orvane::analyze {
 namespace {

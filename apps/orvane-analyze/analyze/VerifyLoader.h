@@ -9,8 +9,8 @@
 #include "analyze/VerifyCapture.h"
 #include "analyze/VerifyPaths.h"
 #include "analyze/VerifyReport.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/plugins/DebugConfiguration.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 class Node;

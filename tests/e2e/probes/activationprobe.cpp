@@ -40,11 +40,11 @@
 #include <vector>
 
 #include "orvaner/Exception.h"
+#include "orvaner/Logging.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/plugins/Plugin.h"
-#include "orvaner/run/Logging.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace {
 

@@ -43,9 +43,9 @@
 #include <vector>
 
 #include "orvane/FixedPaths.h"
+#include "orvaner/Logging.h"
 #include "orvaner/cli/QorcliDispatcher.h"
 #include "orvaner/cli/QorcliExecutor.h"
-#include "orvaner/run/Logging.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "ZelkCtl/SystemInfoImpl.h"
 #include "log/Log.h"
-#include "orvaner/run/Logging.h"
+#include "orvaner/Logging.h"
 
 int main(int argc, char* argv[]) {
   orvane::InitLogging("orvane");

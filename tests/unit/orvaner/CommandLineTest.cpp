@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "orvaner/RunOptions.h"
 #include "orvaner/run/CommandLine.h"
-#include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunState.h"
 
 namespace orvane {

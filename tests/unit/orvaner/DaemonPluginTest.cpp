@@ -12,9 +12,9 @@
 #include "TemporaryDirectory.h"
 #include "TestSeams.h"
 #include "orvaner/Exception.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/DaemonPlugin.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane::testing {
 namespace {

@@ -16,8 +16,8 @@
 
 #include "TemporaryDirectory.h"
 #include "log/Log.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/plugins/DaemonPlugin.h"
-#include "orvaner/run/RunOptions.h"
 
 extern char** environ;
 

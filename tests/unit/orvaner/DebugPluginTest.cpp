@@ -16,10 +16,10 @@
 #include "TestSeams.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/DebugPlugin.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

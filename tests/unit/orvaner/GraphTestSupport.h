@@ -10,9 +10,9 @@
 
 #include "TestSeams.h"
 #include "log/Log.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/Node.h"
 #include "orvaner/plugins/Plugin.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane::testing {
 

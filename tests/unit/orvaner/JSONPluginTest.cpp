@@ -21,12 +21,12 @@
 #include "TestSeams.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Node.h"
 #include "orvaner/plugins/JSONPlugin.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/run/PluginEnumeration.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "log/Log.h"
 #include "orvaner/Exception.h"
-#include "orvaner/run/Logging.h"
+#include "orvaner/Logging.h"
 
 namespace orvane {
 namespace {

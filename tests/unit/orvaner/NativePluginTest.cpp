@@ -23,12 +23,12 @@
 #include "ZelkuserCompat/Spawn.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/plugins/NativePlugin.h"
 #include "orvaner/run/PluginEnumeration.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -16,12 +16,12 @@
 #include "TemporaryDirectory.h"
 #include "TestSeams.h"
 #include "log/Log.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/plugins/DebugPlugin.h"
 #include "orvaner/plugins/JSONPlugin.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/run/PluginEnumeration.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -10,7 +10,7 @@
 #include <iterator>
 #include <string>
 
-#include "orvaner/run/RedirectStdio.h"
+#include "orvaner/RedirectStdio.h"
 
 namespace orvane {
 namespace {

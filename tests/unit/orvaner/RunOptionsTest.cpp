@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "orvaner/run/RunOptions.h"
+#include "orvaner/RunOptions.h"
 
 namespace orvane {
 namespace {

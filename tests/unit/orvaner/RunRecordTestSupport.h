@@ -13,10 +13,10 @@
 #include "GraphTestSupport.h"
 #include "TemporaryDirectory.h"
 #include "TestSeams.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/plugins/LoadedPlugins.h"
-#include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunRecord.h"
 #include "orvaner/run/RunState.h"
 

@@ -20,10 +20,10 @@
 #include "log/Log.h"
 #include "orvane/FixedPaths.h"
 #include "orvaner/Exception.h"
+#include "orvaner/RedirectStdio.h"
 #include "orvaner/cli/ExecutorWire.h"
 #include "orvaner/cli/QorcliDispatcher.h"
 #include "orvaner/cli/QorcliExecutor.h"
-#include "orvaner/run/RedirectStdio.h"
 #include "poll/Poll.h"
 
 namespace orvane {

@@ -14,7 +14,7 @@
 #include "log/Log.h"
 #include "log/Panic.h"
 #include "orvaner/Exception.h"
-#include "orvaner/run/RunOptions.h"
+#include "orvaner/RunOptions.h"
 #include "process/Spawner.h"
 
 namespace orvane {

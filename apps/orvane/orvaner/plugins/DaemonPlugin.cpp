@@ -6,10 +6,10 @@
 #include "ZelkCtl/KernelProgressScreenImpl.h"
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/Logging.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/PassObserver.h"
 #include "orvaner/plugins/DaemonCommandRunner.h"
-#include "orvaner/run/Logging.h"
 
 namespace orvane {
 namespace {

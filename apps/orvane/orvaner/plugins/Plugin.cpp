@@ -6,12 +6,12 @@
 
 #include "log/Log.h"
 #include "orvaner/Exception.h"
+#include "orvaner/Logging.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/PassObserver.h"
 #include "orvaner/plugins/HostProfile.h"
 #include "orvaner/plugins/InteractiveConsole.h"
-#include "orvaner/run/Logging.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

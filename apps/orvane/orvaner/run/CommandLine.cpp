@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "orvaner/run/RunOptions.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/run/RunState.h"
 
 namespace orvane {

@@ -9,13 +9,13 @@
 #include <string>
 
 #include "log/Log.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/SystemAlert.h"
 #include "orvaner/plugins/DebugConfiguration.h"
 #include "orvaner/plugins/DebugPlugin.h"
 #include "orvaner/plugins/JSONPlugin.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/plugins/NativePlugin.h"
-#include "orvaner/run/RunOptions.h"
 
 namespace orvane {
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "orvane/FixedPaths.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/plugins/Plugin.h"
-#include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunState.h"
 
 namespace orvane {

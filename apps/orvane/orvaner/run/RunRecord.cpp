@@ -19,6 +19,7 @@
 
 #include "ProductState/ProductState.h"
 #include "log/Log.h"
+#include "orvaner/RunOptions.h"
 #include "orvaner/graph/Executor.h"
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/graph/Node.h"
@@ -28,7 +29,6 @@
 #include "orvaner/plugins/LegacyDaemonPlugin.h"
 #include "orvaner/plugins/LoadedPlugins.h"
 #include "orvaner/plugins/NativePlugin.h"
-#include "orvaner/run/RunOptions.h"
 #include "orvaner/run/RunState.h"
 
 #ifndef ORVANE_RUN_RECORD

@@ -1,4 +1,4 @@
-#include "orvaner/run/RunOptions.h"
+#include "orvaner/RunOptions.h"
 
 #include <ctime>
 

@@ -1,4 +1,4 @@
-#include "orvaner/run/RedirectStdio.h"
+#include "orvaner/RedirectStdio.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "orvaner/run/Logging.h"
+#include "orvaner/Logging.h"
 
 #include <syslog.h>
 
