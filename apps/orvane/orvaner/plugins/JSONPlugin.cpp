@@ -202,10 +202,10 @@ void JSONPlugin::ReadMetadata(const boost::json::object& root, BarrierRegistry& 
   }
 
   for (const boost::json::value& barrier : StringArray(fields, kRequiresKey)) {
-    Requires(*registry.GetBarrier(std::string(barrier.get_string()), true));
+    Requires(*registry.GetBarrier(std::string_view(barrier.get_string()), true));
   }
   for (const boost::json::value& barrier : StringArray(fields, kProvidesKey)) {
-    Provides(*registry.GetBarrier(std::string(barrier.get_string()), true));
+    Provides(*registry.GetBarrier(std::string_view(barrier.get_string()), true));
   }
 
   if (apiVersion < kFlagsApiVersion) {
