@@ -84,7 +84,14 @@ void WarnOfUnreadableConfiguration(const std::string& path, const std::string& p
 // same times.
 std::shared_ptr<const std::vector<DebugEntry>> DebugConfigurationCache::Read(
     const std::string& path) {
-  if (hostfile::FileStamp stamp; hostfile::StampRegularFile(path, stamp)) {
+  bool stampCanStandIn = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stampCanStandIn = last_.entries && last_.stampIdentifiesText;
+  }
+  // While the last text's stamp cannot stand in for it, the file is read
+  // anyway: no stat first.
+  if (hostfile::FileStamp stamp; stampCanStandIn && hostfile::StampRegularFile(path, stamp)) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (last_.entries && last_.stampIdentifiesText && last_.stamp == stamp) {
       return Reuse();
