@@ -21,8 +21,9 @@
 // Where the time of one file goes (the default directory: 9,000 JSON files,
 // 1,000 debug names, 1,000 configuration entries). From perf profiles of
 // five --enumerate runs, samples bucketed by the first of these functions on
-// their call stack, scaled to the whole-process median; a 2-core VM at load
-// average 2.4 to 3.1; shares of a profile move by a few tenths of a us:
+// their call stack (bench/enumeration-profile), scaled to the whole-process
+// median; a 2-core VM at load average 2.4 to 3.1; shares of a profile move
+// by a few tenths of a us:
 //
 //                                                 before     after (us)
 //   debug configuration, read for every file name   5.2       1.2  one stat
