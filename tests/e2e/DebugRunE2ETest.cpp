@@ -6,9 +6,11 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <chrono>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "HostPaths.h"
@@ -216,6 +218,42 @@ TEST_F(DebugRunE2E, MalformedLineIsReportedAndSkipped) {
   EXPECT_THAT(messages_, Contains("ignoring malformed debug entry at line 2: broken:line"));
   EXPECT_TRUE(SyslogHas(LOG_INFO, "ignoring malformed debug entry at line 2: broken:line"));
   EXPECT_THAT(Recorded(), ElementsAre("a", "b"));
+}
+
+// The loader reads the configuration once before walking the directory and
+// again for every file name that has an extension, whatever the extension;
+// each read reports the malformed lines. A configuration written well before
+// the run (older than the loader's settling margin, so that a stat stands in
+// for reading it) reports exactly as often as one written just before.
+class DebugConfigurationEveryNameE2E : public DebugRunE2E {
+ protected:
+  /// Runs over three names with an extension and one without, and checks
+  /// what the configuration gave and how often its bad line was reported.
+  void RunAndCheckTheReports() {
+    sandbox_->WriteFile(PluginFile("inj.debug"), "");
+    sandbox_->WriteFile(PluginFile("notes.txt"), "");
+    sandbox_->WriteFile(PluginFile("other.debug"), "");
+    sandbox_->WriteFile(PluginFile("README"), "");
+    RunResult result = Orvane({});
+    EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
+    const std::string report = "ignoring malformed debug entry at line 2: broken:line";
+    EXPECT_EQ(std::count(messages_.begin(), messages_.end(), report), 4) << result.out;
+    // inj.debug and the configuration's own entry.
+    EXPECT_THAT(Recorded(), ElementsAre("inj", "inj"));
+  }
+
+  static constexpr const char* kConfiguration = "inj:::echo inj >> /tmp/record\nbroken:line\n";
+};
+
+TEST_F(DebugConfigurationEveryNameE2E, ConfigurationWrittenJustBeforeTheRun) {
+  WriteDebugConfiguration(kConfiguration);
+  RunAndCheckTheReports();
+}
+
+TEST_F(DebugConfigurationEveryNameE2E, ConfigurationWrittenLongBeforeTheRun) {
+  WriteDebugConfiguration(kConfiguration);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  RunAndCheckTheReports();
 }
 
 TEST_F(DebugRunE2E, QuotedCommandWithColonsRuns) {

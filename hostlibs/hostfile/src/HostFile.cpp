@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 namespace hostfile {
 namespace {
@@ -48,6 +50,57 @@ FileContent ReadRest(int descriptor, std::size_t maxSize, std::string& text, std
   return content;
 }
 
+FileStamp StampOf(const struct stat& status) {
+  FileStamp stamp;
+  stamp.device = status.st_dev;
+  stamp.inode = status.st_ino;
+  stamp.size = status.st_size;
+  stamp.modified = status.st_mtim;
+  stamp.changed = status.st_ctim;
+  return stamp;
+}
+
+std::chrono::nanoseconds SinceEpoch(const timespec& time) {
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+// Opens @p path as OpenRegularFile describes, and fills @p status.
+int OpenRegular(const std::string& path, FileContent& failure, struct stat& status) {
+  // O_NONBLOCK: opening a FIFO without a writer would otherwise wait for one.
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (descriptor < 0) {
+    failure = Failure(ReadStatus::CannotOpen, errno);
+    return -1;
+  }
+  if (::fstat(descriptor, &status) != 0) {
+    failure = Failure(ReadStatus::CannotOpen, errno);
+    ::close(descriptor);
+    return -1;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    failure = Failure(ReadStatus::NotRegular, 0);
+    failure.fileType = status.st_mode & S_IFMT;
+    ::close(descriptor);
+    return -1;
+  }
+  return descriptor;
+}
+
+// The content of the regular file open on @p descriptor, whose size was
+// @p size when it was examined; the descriptor is closed.
+FileContent ReadOpenFile(int descriptor, off_t size, std::size_t maxSize) {
+  if (static_cast<std::uint64_t>(size) > maxSize) {
+    ::close(descriptor);
+    return TooLarge(maxSize);
+  }
+  // One byte more than the size, so that one read reaches the end of a file
+  // that did not change, and a file that grew shows it at once.
+  std::string text(static_cast<std::size_t>(size) + 1, '\0');
+  FileContent content = ReadRest(descriptor, maxSize, text, 0);
+  ::close(descriptor);
+  return content;
+}
+
 }  // namespace
 
 std::string FileTypeName(mode_t fileType) {
@@ -73,44 +126,52 @@ std::string FileContent::Problem() const {
   return "";
 }
 
-int OpenRegularFile(const std::string& path, FileContent& failure, off_t* size) {
-  // O_NONBLOCK: opening a FIFO without a writer would otherwise wait for one.
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (descriptor < 0) {
-    failure = Failure(ReadStatus::CannotOpen, errno);
-    return -1;
-  }
+bool FileStamp::operator==(const FileStamp& other) const {
+  return device == other.device && inode == other.inode && size == other.size &&
+         SinceEpoch(modified) == SinceEpoch(other.modified) &&
+         SinceEpoch(changed) == SinceEpoch(other.changed);
+}
+
+bool FileStamp::ChangedBefore(timespec instant, std::chrono::nanoseconds margin) const {
+  const std::chrono::nanoseconds latest = std::max(SinceEpoch(modified), SinceEpoch(changed));
+  return latest + margin <= SinceEpoch(instant);
+}
+
+bool StampRegularFile(const std::string& path, FileStamp& stamp) {
   struct stat status {};
-  if (::fstat(descriptor, &status) != 0) {
-    failure = Failure(ReadStatus::CannotOpen, errno);
-    ::close(descriptor);
-    return -1;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    failure = Failure(ReadStatus::NotRegular, 0);
-    failure.fileType = status.st_mode & S_IFMT;
-    ::close(descriptor);
-    return -1;
-  }
-  if (size != nullptr) *size = status.st_size;
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  stamp = StampOf(status);
+  return true;
+}
+
+timespec RealTimeNow() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}
+
+int OpenRegularFile(const std::string& path, FileContent& failure, off_t* size) {
+  struct stat status {};
+  const int descriptor = OpenRegular(path, failure, status);
+  if (descriptor >= 0 && size != nullptr) *size = status.st_size;
   return descriptor;
 }
 
 FileContent ReadHostFile(const std::string& path, std::size_t maxSize) {
   FileContent failure;
-  off_t size = 0;
-  const int descriptor = OpenRegularFile(path, failure, &size);
+  struct stat status {};
+  const int descriptor = OpenRegular(path, failure, status);
   if (descriptor < 0) return failure;
-  if (static_cast<std::uint64_t>(size) > maxSize) {
-    ::close(descriptor);
-    return TooLarge(maxSize);
-  }
-  // One byte more than the size, so that one read reaches the end of a file
-  // that did not change, and a file that grew shows it at once.
-  std::string text(static_cast<std::size_t>(size) + 1, '\0');
-  FileContent content = ReadRest(descriptor, maxSize, text, 0);
-  ::close(descriptor);
-  return content;
+  return ReadOpenFile(descriptor, status.st_size, maxSize);
+}
+
+FileContent ReadHostFile(const std::string& path, std::size_t maxSize, FileStamp& stamp) {
+  FileContent failure;
+  struct stat status {};
+  const int descriptor = OpenRegular(path, failure, status);
+  if (descriptor < 0) return failure;
+  stamp = StampOf(status);
+  return ReadOpenFile(descriptor, status.st_size, maxSize);
 }
 
 FileContent ReadToEnd(int descriptor, std::size_t maxSize) {

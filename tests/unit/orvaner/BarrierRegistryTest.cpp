@@ -1,6 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "GraphTestSupport.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Executor.h"
@@ -69,6 +75,38 @@ TEST_F(BarrierRegistryTest, ListBarriersYieldsNameOrder) {
   Node* alpha = registry.GetBarrier("alpha", true);
   Node* mid = registry.GetBarrier("mid", true);
   EXPECT_THAT(registry.ListBarriers(), ElementsAre(alpha, mid, zeta));
+}
+
+TEST_F(BarrierRegistryTest, NameOrderComparesBytesAsUnsignedAndKeepsNulBytes) {
+  Node* high = registry.GetBarrier("a\xff", true);
+  Node* low = registry.GetBarrier("a\x7f", true);
+  Node* nul = registry.GetBarrier(std::string_view("a\0b", 3), true);
+  Node* prefix = registry.GetBarrier("a", true);
+  EXPECT_NE(nul, prefix);
+  EXPECT_EQ(registry.GetBarrier(std::string("a\0b", 3), false), nul);
+  EXPECT_THAT(registry.ListBarriers(), ElementsAre(prefix, nul, low, high));
+}
+
+TEST_F(BarrierRegistryTest, ManyNamesAreEachFoundAgainAndListedInNameOrder) {
+  std::map<std::string, Node*> expected;
+  std::mt19937 random(20261124);
+  std::uniform_int_distribution<int> length(0, 12);
+  std::uniform_int_distribution<int> byte(0, 255);
+  for (int index = 0; index < 5000; ++index) {
+    std::string name(static_cast<std::size_t>(length(random)), '\0');
+    for (char& character : name) character = static_cast<char>(byte(random));
+    Node* barrier = registry.GetBarrier(name, true);
+    ASSERT_NE(barrier, nullptr);
+    auto [entry, inserted] = expected.emplace(name, barrier);
+    EXPECT_EQ(entry->second, barrier) << "a name met again gives the same barrier";
+  }
+  for (const auto& [name, barrier] : expected) {
+    EXPECT_EQ(registry.GetBarrier(name, false), barrier);
+  }
+  std::vector<Node*> inNameOrder;
+  for (const auto& [name, barrier] : expected) inNameOrder.push_back(barrier);
+  const std::deque<Node*> listed = registry.ListBarriers();
+  EXPECT_EQ(std::vector<Node*>(listed.begin(), listed.end()), inNameOrder);
 }
 
 TEST_F(BarrierRegistryTest,

@@ -1,14 +1,17 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TemporaryDirectory.h"
@@ -66,6 +69,14 @@ class DebugConfigurationTest : public ::testing::Test {
     std::vector<Fields> fields;
     for (const DebugEntry& entry : entries) fields.push_back(FieldsOf(entry));
     return fields;
+  }
+
+  /// What @p cache reads at path_, with what it logged in `logged`.
+  std::shared_ptr<const std::vector<DebugEntry>> ReadThrough(DebugConfigurationCache& cache) {
+    ::testing::internal::CaptureStderr();
+    std::shared_ptr<const std::vector<DebugEntry>> entries = cache.Read(path_);
+    logged = ::testing::internal::GetCapturedStderr();
+    return entries;
   }
 
   unit_testing::TemporaryDirectory temporary_;
@@ -280,6 +291,127 @@ TEST_F(DebugConfigurationTest, EveryReadSeesTheFileAsItIsAndReportsItsMalformedL
   EXPECT_THAT(logged, HasSubstr("ignoring malformed debug entry at line 2: bad line\n"));
   // Same size, other text: the next read has the new entry.
   EXPECT_THAT(Read("two:::echo 2\nbad line\n"), ElementsAre(Fields{"two", {}, {}, "echo 2"}));
+}
+
+// ---- reading the file once per plugin file name
+
+/// The names of @p entries, in order.
+std::vector<std::string> Names(const std::shared_ptr<const std::vector<DebugEntry>>& entries) {
+  std::vector<std::string> names;
+  for (const DebugEntry& entry : *entries) names.push_back(entry.name);
+  return names;
+}
+
+// A short margin, so that a test can wait for a stamp to settle; the
+// temporary directory's file system keeps nanoseconds.
+constexpr std::chrono::milliseconds kShortMargin{50};
+
+void WaitForTheStampToSettle() { std::this_thread::sleep_for(kShortMargin * 3); }
+
+TEST_F(DebugConfigurationTest, UnchangedSettledFileIsNotReadAgainAndSharesItsEntries) {
+  std::ofstream(path_) << "one:::echo 1\n";
+  WaitForTheStampToSettle();
+  DebugConfigurationCache cache(kShortMargin);
+  const auto first = ReadThrough(cache);
+  EXPECT_THAT(Names(first), ElementsAre("one"));
+  for (int call = 0; call < 5; ++call) {
+    EXPECT_EQ(ReadThrough(cache), first);
+  }
+  EXPECT_EQ(cache.TextReads(), 1u);
+}
+
+TEST_F(DebugConfigurationTest, FileChangedWithinTheMarginIsReadOnEveryCall) {
+  DebugConfigurationCache cache;  // the real margin: this file was written just now
+  std::ofstream(path_) << "one:::echo 1\n";
+  const auto first = ReadThrough(cache);
+  EXPECT_THAT(Names(first), ElementsAre("one"));
+  // Unchanged: read again, but not parsed again.
+  EXPECT_EQ(ReadThrough(cache), first);
+  EXPECT_EQ(cache.TextReads(), 2u);
+}
+
+// Two writes of the same size within one tick of the file system's clock
+// leave the same stamps: only reading the text tells them apart.
+TEST_F(DebugConfigurationTest, SameSizeRewriteRightAfterAReadIsSeen) {
+  DebugConfigurationCache cache;
+  std::ofstream(path_) << "one:::echo 1\n";
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  std::ofstream(path_) << "two:::echo 2\n";
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("two"));
+  std::ofstream(path_) << "one:::echo 1\n";
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+}
+
+TEST_F(DebugConfigurationTest, SameSizeRewriteOfASettledFileIsSeen) {
+  std::ofstream(path_) << "one:::echo 1\n";
+  WaitForTheStampToSettle();
+  DebugConfigurationCache cache(kShortMargin);
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  std::ofstream(path_) << "two:::echo 2\n";
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("two"));
+  EXPECT_EQ(cache.TextReads(), 2u);
+}
+
+// An editor writes a new file and renames it over the old one; the new one
+// may have the old one's size and modification time, but not its inode.
+TEST_F(DebugConfigurationTest, SettledFileReplacedByOneOfTheSameSizeAndTimeIsSeen) {
+  std::ofstream(path_) << "one:::echo 1\n";
+  WaitForTheStampToSettle();
+  DebugConfigurationCache cache(kShortMargin);
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  const std::string replacement = (directory_ / "replacement").string();
+  std::ofstream(replacement) << "two:::echo 2\n";
+  struct stat old {};
+  ASSERT_EQ(::stat(path_.c_str(), &old), 0);
+  const timespec times[2] = {old.st_atim, old.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, replacement.c_str(), times, 0), 0);
+  std::filesystem::rename(replacement, path_);
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("two"));
+}
+
+TEST_F(DebugConfigurationTest, SettledFileThatVanishesGivesNoEntriesAndNoMessage) {
+  std::ofstream(path_) << "one:::echo 1\nbad line\n";
+  WaitForTheStampToSettle();
+  DebugConfigurationCache cache(kShortMargin);
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  std::filesystem::remove(path_);
+  EXPECT_THAT(*ReadThrough(cache), IsEmpty());
+  EXPECT_EQ(logged, "");
+}
+
+TEST_F(DebugConfigurationTest, FileThatAppearsIsRead) {
+  DebugConfigurationCache cache(kShortMargin);
+  EXPECT_THAT(*ReadThrough(cache), IsEmpty());
+  std::ofstream(path_) << "one:::echo 1\n";
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  std::filesystem::remove(path_);
+  EXPECT_THAT(*ReadThrough(cache), IsEmpty());
+  std::ofstream(path_) << "two:::echo 2\n";
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("two"));
+}
+
+TEST_F(DebugConfigurationTest, SettledFileReplacedByADirectoryIsWarnedOfAndGivesNoEntries) {
+  std::ofstream(path_) << "one:::echo 1\n";
+  WaitForTheStampToSettle();
+  DebugConfigurationCache cache(kShortMargin);
+  EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+  std::filesystem::remove(path_);
+  std::filesystem::create_directory(path_);
+  EXPECT_THAT(*ReadThrough(cache), IsEmpty());
+  EXPECT_EQ(logged,
+            "ignoring the debug configuration " + path_ + ": not a regular file (a directory)\n");
+}
+
+TEST_F(DebugConfigurationTest, MalformedLinesAreReportedOnEveryCallAlsoWithoutARead) {
+  std::ofstream(path_) << "one:::echo 1\nbad line\n";
+  WaitForTheStampToSettle();
+  DebugConfigurationCache cache(kShortMargin);
+  for (int call = 0; call < 3; ++call) {
+    EXPECT_THAT(Names(ReadThrough(cache)), ElementsAre("one"));
+    EXPECT_EQ(logged, "ignoring malformed debug entry at line 2: bad line\n");
+  }
+  EXPECT_EQ(cache.TextReads(), 1u);
 }
 
 TEST_F(DebugConfigurationTest, EntriesAreAppendedToTheCallersList) {

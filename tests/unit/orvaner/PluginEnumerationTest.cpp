@@ -354,6 +354,18 @@ TEST(RunOnceKeyTest, CleaningKeepsLettersDigitsAndDashDotUnderscorePlus) {
   EXPECT_EQ(CleanRunOnceKey(""), "");
 }
 
+TEST(RunOnceKeyTest, EveryByteIsKeptOrDroppedWhereverItStands) {
+  const std::string kept = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._+";
+  for (int value = 0; value < 256; ++value) {
+    const char byte = static_cast<char>(value);
+    const bool keeps = kept.find(byte) != std::string::npos;
+    const std::string expected = keeps ? std::string{'a', byte, 'b', byte} : "ab";
+    EXPECT_EQ(CleanRunOnceKey(std::string{'a', byte, 'b', byte}), expected) << "byte " << value;
+    EXPECT_EQ(CleanRunOnceKey(std::string(1, byte)), keeps ? std::string(1, byte) : "")
+        << "byte " << value;
+  }
+}
+
 TEST_F(PluginFilterTest, RepeatedJsonNameIsConstructedAndAppendedTwice) {
   WritePlugin("a.json", Description());
   EXPECT_EQ(EnumerateFiltered({"a.json", "a.json"}), "");

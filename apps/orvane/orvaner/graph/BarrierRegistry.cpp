@@ -1,6 +1,8 @@
 #include "orvaner/graph/BarrierRegistry.h"
 
 #include <algorithm>
+#include <string>
+#include <utility>
 
 #include "orvaner/graph/GraphLock.h"
 #include "orvaner/graph/InitBarrier.h"
@@ -19,7 +21,7 @@ BarrierRegistry& BarrierRegistry::Instance() {
   return *registry;
 }
 
-Node* BarrierRegistry::GetBarrier(const std::string& name, bool create) {
+Node* BarrierRegistry::GetBarrier(std::string_view name, bool create) {
   GraphLockGuard lock;
   if (auto found = barriers_.find(name); found != barriers_.end()) {
     return found->second;
@@ -27,23 +29,36 @@ Node* BarrierRegistry::GetBarrier(const std::string& name, bool create) {
   if (!create) {
     return nullptr;
   }
-  auto barrier = std::make_unique<InitBarrier>(name);
+  auto barrier = std::make_unique<InitBarrier>(std::string(name));
   Node* created = barrier.get();
   barriers_.emplace(name, created);
   owned_.push_back(std::move(barrier));
   return created;
 }
 
-void BarrierRegistry::RegisterBarrier(Node& node, const std::string& name) {
+void BarrierRegistry::RegisterBarrier(Node& node, std::string_view name) {
   GraphLockGuard lock;
-  barriers_[name] = &node;
+  if (auto found = barriers_.find(name); found != barriers_.end()) {
+    found->second = &node;
+    return;
+  }
+  barriers_.emplace(name, &node);
 }
 
 std::deque<Node*> BarrierRegistry::ListBarriers() {
   GraphLockGuard lock;
+  std::vector<const std::pair<const std::string, Node*>*> entries;
+  entries.reserve(barriers_.size());
+  for (const auto& entry : barriers_) {
+    entries.push_back(&entry);
+  }
+  // std::string's order is the byte-wise one, a shorter name first on a
+  // common prefix.
+  std::sort(entries.begin(), entries.end(),
+            [](const auto* left, const auto* right) { return left->first < right->first; });
   std::deque<Node*> barriers;
-  for (const auto& [name, barrier] : barriers_) {
-    barriers.push_back(barrier);
+  for (const auto* entry : entries) {
+    barriers.push_back(entry->second);
   }
   return barriers;
 }

@@ -4,11 +4,14 @@
 /// new level between its neighbours.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <map>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace orvane {
@@ -33,11 +36,11 @@ class BarrierRegistry {
 
   /// The vertex registered under @p name, whatever its class. Otherwise a
   /// new InitBarrier of that name when @p create is true, else null.
-  Node* GetBarrier(const std::string& name, bool create);
+  Node* GetBarrier(std::string_view name, bool create);
   /// Enters @p node under @p name, silently replacing any earlier entry
   /// (whose edges stay as they are).
-  void RegisterBarrier(Node& node, const std::string& name);
-  /// The registered vertices in byte-wise name order.
+  void RegisterBarrier(Node& node, std::string_view name);
+  /// The registered vertices in byte-wise name order (sorted on each call).
   std::deque<Node*> ListBarriers();
 
   /// The priority barrier of @p priority, spliced into the chain of
@@ -57,7 +60,19 @@ class BarrierRegistry {
   /// The barrier of a level that already exists.
   PriorityBarrier& Level(std::uint32_t priority);
 
-  std::map<std::string, Node*> barriers_;
+  /// Hashes a name given as any kind of string, so that a lookup needs no
+  /// copy of it.
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept {
+      return std::hash<std::string_view>{}(name);
+    }
+  };
+
+  // Loading looks a name up a few times per plugin, while the name order is
+  // wanted once per run (the run record, the dump): a hash map, sorted when
+  // listed.
+  std::unordered_map<std::string, Node*, NameHash, std::equal_to<>> barriers_;
   std::vector<std::unique_ptr<Node>> owned_;
   std::vector<std::uint32_t> priorityList_;
 };

@@ -66,16 +66,70 @@ void WarnOfUnreadableConfiguration(const std::string& path, const std::string& p
   Log_Level(LOG_LEVEL_WARNING, "ignoring the debug configuration %s\n", warning.c_str());
 }
 
-/// A configuration text and what it says: its entries and its malformed
-/// lines (number and trimmed text), in file order.
-struct ParsedConfiguration {
-  std::string content;
-  std::shared_ptr<const std::vector<DebugEntry>> entries;
-  std::vector<std::pair<int, std::string>> malformed;
-};
+}  // namespace
 
-ParsedConfiguration Parse(std::string content) {
-  ParsedConfiguration parsed;
+// Whether a stat can stand in for a read. The stamps (device, inode, size,
+// modification and change times) are those of the open descriptor the last
+// text was read from, so equal stamps mean the same file, unchanged since
+// then, with one exception: a write made within the same tick of the file
+// system's clock as the one before it leaves the same times, and, with the
+// same size, the same stamps. So a stamp only counts once the file's last
+// change lay at least the settling margin before the read that took it
+// began: a change made after that read began is stamped at least at the
+// read's start less one tick of the coarsest file system clock, which the
+// margin exceeds, and so differently. Until then every call reads the text
+// and compares it with the last one, as for a file written moments before
+// the boot. Not covered: the real-time clock set back by more than the
+// margin, followed by a rewrite of the same size that lands on the very
+// same times.
+std::shared_ptr<const std::vector<DebugEntry>> DebugConfigurationCache::Read(
+    const std::string& path) {
+  bool stampCanStandIn = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stampCanStandIn = last_.entries && last_.stampIdentifiesText;
+  }
+  // While the last text's stamp cannot stand in for it, the file is read
+  // anyway: no stat first.
+  if (hostfile::FileStamp stamp; stampCanStandIn && hostfile::StampRegularFile(path, stamp)) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (last_.entries && last_.stampIdentifiesText && last_.stamp == stamp) {
+      return Reuse();
+    }
+  }
+  // Taken before the file is opened: a change made after it is stamped
+  // later than this.
+  const timespec readStart = hostfile::RealTimeNow();
+  hostfile::FileStamp stamp;
+  hostfile::FileContent file = hostfile::ReadHostFile(path, kMaxDebugConfigurationSize, stamp);
+  if (!file.Ok()) {
+    if (file.status != hostfile::ReadStatus::CannotOpen) {
+      WarnOfUnreadableConfiguration(path, file.Problem());
+    }
+    return std::make_shared<const std::vector<DebugEntry>>();
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++textReads_;
+  // The loader calls once per plugin file: a text equal to the one parsed
+  // last time takes its entries and malformed lines from then.
+  if (!last_.entries || last_.content != file.text) {
+    last_ = Parse(std::move(file.text));
+  }
+  last_.stamp = stamp;
+  last_.stampIdentifiesText = stamp.ChangedBefore(readStart, settlingMargin_);
+  return Reuse();
+}
+
+std::shared_ptr<const std::vector<DebugEntry>> DebugConfigurationCache::Reuse() const {
+  for (const auto& [lineNumber, line] : last_.malformed) {
+    Log_Level(LOG_LEVEL_INFO, "ignoring malformed debug entry at line %d: %s\n", lineNumber,
+              line.c_str());
+  }
+  return last_.entries;
+}
+
+DebugConfigurationCache::Parsed DebugConfigurationCache::Parse(std::string content) {
+  Parsed parsed;
   std::vector<DebugEntry> entries;
   std::istringstream lines(content);
   int lineNumber = 0;
@@ -97,31 +151,20 @@ ParsedConfiguration Parse(std::string content) {
   return parsed;
 }
 
-}  // namespace
+std::size_t DebugConfigurationCache::TextReads() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return textReads_;
+}
+
+DebugConfigurationCache& DebugConfigurationCache::Instance() {
+  // Never destroyed: a loader on another thread may still read while the
+  // process exits.
+  static auto* cache = new DebugConfigurationCache;
+  return *cache;
+}
 
 std::shared_ptr<const std::vector<DebugEntry>> ReadDebugEntries(const std::string& path) {
-  hostfile::FileContent file = hostfile::ReadHostFile(path, kMaxDebugConfigurationSize);
-  if (!file.Ok()) {
-    if (file.status != hostfile::ReadStatus::CannotOpen) {
-      WarnOfUnreadableConfiguration(path, file.Problem());
-    }
-    return std::make_shared<const std::vector<DebugEntry>>();
-  }
-  std::string& content = file.text;
-  // The file is read afresh on every call, but the loader calls once per
-  // plugin file: when the text is the one parsed last time, its entries and
-  // its malformed lines are taken from then instead of being parsed again.
-  static std::mutex lastReadMutex;
-  static ParsedConfiguration lastRead;
-  std::lock_guard<std::mutex> lock(lastReadMutex);
-  if (!lastRead.entries || lastRead.content != content) {
-    lastRead = Parse(std::move(content));
-  }
-  for (const auto& [lineNumber, line] : lastRead.malformed) {
-    Log_Level(LOG_LEVEL_INFO, "ignoring malformed debug entry at line %d: %s\n", lineNumber,
-              line.c_str());
-  }
-  return lastRead.entries;
+  return DebugConfigurationCache::Instance().Read(path);
 }
 
 void ReadDebugConfiguration(std::vector<DebugEntry>& entries, const std::string& path) {

@@ -1,5 +1,6 @@
 #include "orvaner/plugins/JSONPlugin.h"
 
+#include <algorithm>
 #include <boost/json/error.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
@@ -119,6 +120,15 @@ const boost::json::array& StringArray(const boost::json::object& metadata, const
 // Appends the command lines of @p commands to @p commandLines in order,
 // up to the first that is not a string.
 void AppendCommands(const boost::json::array& commands, std::vector<std::string>& commandLines) {
+  // Room for all of them at once when all will be taken (grown one by one,
+  // three commands would take room for four); a list that will be refused
+  // does not get room for millions of entries it never fills.
+  const bool allStrings =
+      std::all_of(commands.begin(), commands.end(),
+                  [](const boost::json::value& command) { return command.is_string(); });
+  if (allStrings) {
+    commandLines.reserve(commandLines.size() + commands.size());
+  }
   for (const boost::json::value& command : commands) {
     if (!command.is_string()) {
       throw Refusal(kCommandNotString);
@@ -202,10 +212,10 @@ void JSONPlugin::ReadMetadata(const boost::json::object& root, BarrierRegistry& 
   }
 
   for (const boost::json::value& barrier : StringArray(fields, kRequiresKey)) {
-    Requires(*registry.GetBarrier(std::string(barrier.get_string()), true));
+    Requires(*registry.GetBarrier(std::string_view(barrier.get_string()), true));
   }
   for (const boost::json::value& barrier : StringArray(fields, kProvidesKey)) {
-    Provides(*registry.GetBarrier(std::string(barrier.get_string()), true));
+    Provides(*registry.GetBarrier(std::string_view(barrier.get_string()), true));
   }
 
   if (apiVersion < kFlagsApiVersion) {

@@ -54,12 +54,14 @@ class LoadedPlugins {
   /// The plugins that take part in the run, in load order.
   const PluginList& List() const { return list_; }
   /// The plugins appended and the refusals noted, in the order they came.
-  const std::vector<LoadEntry>& LoadLog() const { return loadLog_; }
+  const std::deque<LoadEntry>& LoadLog() const { return loadLog_; }
 
  private:
   std::deque<std::unique_ptr<Plugin>> owned_;
   PluginList list_;
-  std::vector<LoadEntry> loadLog_;
+  // A deque: it grows without copying what it holds, so loading 10,000
+  // plugins never holds two copies of their entries.
+  std::deque<LoadEntry> loadLog_;
 };
 
 }  // namespace orvane

@@ -154,7 +154,11 @@ void WalkPluginDirectory(const std::string& directory, LoadedPlugins& plugins,
                          BarrierRegistry& registry, const std::string& debugConfiguration) {
   for (const std::filesystem::directory_entry& entry :
        std::filesystem::directory_iterator(directory)) {
-    LoadPlugin(entry.path().filename().string(), plugins, filters, options, registry,
+    // The entry's name is what follows the last separator of its path ("."
+    // and ".." are never listed): taken from the text, without the path
+    // parsing and the copies of filename().
+    const std::string& path = entry.path().native();
+    LoadPlugin(path.substr(path.rfind('/') + 1), plugins, filters, options, registry,
                debugConfiguration);
   }
 }
@@ -235,6 +239,16 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
 }
 
 std::string CleanRunOnceKey(const std::string& key) {
+  // Most keys are clean already: they are returned as they are, without
+  // running the pattern.
+  const bool clean = std::all_of(key.begin(), key.end(), [](char character) {
+    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+           (character >= '0' && character <= '9') || character == '-' || character == '.' ||
+           character == '_' || character == '+';
+  });
+  if (clean) {
+    return key;
+  }
   static const boost::regex rejects(kRunOnceKeyRejects);
   return boost::regex_replace(key, rejects, "");
 }

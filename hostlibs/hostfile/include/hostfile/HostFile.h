@@ -10,7 +10,9 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
+#include <ctime>
 #include <string>
 
 namespace hostfile {
@@ -39,6 +41,33 @@ struct FileContent {
   std::string Problem() const;
 };
 
+/// What tells one state of a regular file from another without reading it:
+/// which file it is (device and inode), its size, and the times of its last
+/// modification and of its last change (nanoseconds included). Any write,
+/// truncation, change of mode or owner, and setting of the times moves the
+/// change time to the clock's present; only setting the clock itself can
+/// take it back.
+struct FileStamp {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec modified{};
+  timespec changed{};
+
+  bool operator==(const FileStamp& other) const;
+
+  /// Whether the file's last modification and last change both lie at
+  /// least @p margin before @p instant (a time of the real-time clock).
+  bool ChangedBefore(timespec instant, std::chrono::nanoseconds margin) const;
+};
+
+/// The stamp of the regular file @p path (symbolic links followed); false
+/// when it cannot be examined or is not a regular file. One stat call.
+bool StampRegularFile(const std::string& path, FileStamp& stamp);
+
+/// The real-time clock, the one the file systems stamp files with.
+timespec RealTimeNow();
+
 /// "a directory", "a FIFO", "a socket", "a character device", "a block
 /// device", "a symbolic link" or "an unknown kind of file" for the S_IFMT
 /// bits @p fileType.
@@ -56,6 +85,11 @@ int OpenRegularFile(const std::string& path, FileContent& failure, off_t* size =
 /// without being read, and so is one that grows past the bound while it is
 /// read.
 FileContent ReadHostFile(const std::string& path, std::size_t maxSize);
+
+/// ReadHostFile that also fills @p stamp with the stamp of the file it
+/// read, taken from the open descriptor before the content is read (left
+/// as it was when the file could not be opened).
+FileContent ReadHostFile(const std::string& path, std::size_t maxSize, FileStamp& stamp);
 
 /// Everything @p descriptor delivers until its end, at most @p maxSize
 /// bytes: for pipes, whose size is not known beforehand. Reads are retried

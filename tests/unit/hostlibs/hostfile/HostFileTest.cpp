@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -169,6 +170,102 @@ TEST_F(HostFileTest, FailedReadSaysWhy) {
   ::close(descriptor);
   EXPECT_EQ(content.status, ReadStatus::ReadFailed);
   EXPECT_EQ(content.Problem(), "cannot be read: Is a directory");
+}
+
+TEST_F(HostFileTest, StampOfTheReadIsTheStampOfTheUnchangedFile) {
+  directory_.Write("file", "12345");
+  FileStamp read;
+  ASSERT_TRUE(ReadHostFile(directory_ / "file", 100, read).Ok());
+  FileStamp examined;
+  ASSERT_TRUE(StampRegularFile(directory_ / "file", examined));
+  EXPECT_EQ(examined, read);
+  EXPECT_EQ(examined.size, 5);
+  struct stat status {};
+  ASSERT_EQ(::stat((directory_ / "file").c_str(), &status), 0);
+  EXPECT_EQ(examined.inode, status.st_ino);
+  EXPECT_EQ(examined.device, status.st_dev);
+}
+
+TEST_F(HostFileTest, StampChangesWithTheSizeAndWithTheFile) {
+  directory_.Write("file", "12345");
+  FileStamp before;
+  ASSERT_TRUE(StampRegularFile(directory_ / "file", before));
+  directory_.Write("file", "123456");
+  FileStamp grown;
+  ASSERT_TRUE(StampRegularFile(directory_ / "file", grown));
+  EXPECT_NE(grown, before);
+  directory_.Write("other", "123456");
+  std::filesystem::rename(directory_ / "other", directory_ / "file");
+  FileStamp replaced;
+  ASSERT_TRUE(StampRegularFile(directory_ / "file", replaced));
+  EXPECT_NE(replaced.inode, grown.inode);
+  EXPECT_NE(replaced, grown);
+}
+
+TEST_F(HostFileTest, OnlyRegularFilesHaveAStamp) {
+  FileStamp stamp;
+  EXPECT_FALSE(StampRegularFile(directory_ / "missing", stamp));
+  EXPECT_FALSE(StampRegularFile(directory_.Path().string(), stamp));
+  ASSERT_EQ(::mkfifo((directory_ / "fifo").c_str(), 0600), 0);
+  EXPECT_FALSE(StampRegularFile(directory_ / "fifo", stamp));
+  directory_.Write("file", "x");
+  std::filesystem::create_symlink(directory_ / "file", directory_ / "link");
+  EXPECT_TRUE(StampRegularFile(directory_ / "link", stamp));
+  EXPECT_EQ(stamp.size, 1);
+}
+
+TEST_F(HostFileTest, FailedReadLeavesTheStampAsItWas) {
+  FileStamp stamp;
+  stamp.size = 77;
+  EXPECT_FALSE(ReadHostFile(directory_ / "missing", 100, stamp).Ok());
+  EXPECT_EQ(stamp.size, 77);
+}
+
+TEST(FileStamp, ChangedBeforeLooksAtTheLaterOfTheModificationAndTheChange) {
+  FileStamp stamp;
+  stamp.modified = {100, 0};
+  stamp.changed = {105, 500};
+  using std::chrono::seconds;
+  EXPECT_TRUE(stamp.ChangedBefore({107, 500}, seconds(2)));
+  EXPECT_FALSE(stamp.ChangedBefore({107, 499}, seconds(2)));
+  // A modification time set into the future counts too.
+  stamp.modified = {200, 0};
+  EXPECT_FALSE(stamp.ChangedBefore({150, 0}, seconds(2)));
+  EXPECT_TRUE(stamp.ChangedBefore({202, 0}, seconds(2)));
+}
+
+TEST(FileStamp, EveryFieldTellsStampsApart) {
+  FileStamp base;
+  base.device = 1;
+  base.inode = 2;
+  base.size = 3;
+  base.modified = {4, 5};
+  base.changed = {6, 7};
+  EXPECT_EQ(base, base);
+  FileStamp other = base;
+  other.device = 9;
+  EXPECT_NE(other, base);
+  other = base;
+  other.inode = 9;
+  EXPECT_NE(other, base);
+  other = base;
+  other.size = 9;
+  EXPECT_NE(other, base);
+  other = base;
+  other.modified.tv_nsec = 6;
+  EXPECT_NE(other, base);
+  other = base;
+  other.changed.tv_nsec = 8;
+  EXPECT_NE(other, base);
+}
+
+TEST(FileStamp, RealTimeNowIsTheClockThatStampsFiles) {
+  const auto before = std::chrono::system_clock::now();
+  const timespec now = RealTimeNow();
+  const auto after = std::chrono::system_clock::now();
+  const auto sinceEpoch = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  EXPECT_GE(sinceEpoch, before.time_since_epoch());
+  EXPECT_LE(sinceEpoch, after.time_since_epoch());
 }
 
 TEST(FileTypeName, NamesEveryKindOfFile) {
