@@ -29,10 +29,11 @@ Node* BarrierRegistry::GetBarrier(std::string_view name, bool create) {
   if (!create) {
     return nullptr;
   }
-  auto barrier = std::make_unique<InitBarrier>(std::string(name));
-  Node* created = barrier.get();
+  // Owned first: when entering the name then fails, the registry names no
+  // barrier it does not hold.
+  owned_.push_back(std::make_unique<InitBarrier>(std::string(name)));
+  Node* created = owned_.back().get();
   barriers_.emplace(name, created);
-  owned_.push_back(std::move(barrier));
   return created;
 }
 
