@@ -9,7 +9,11 @@
 // recording the plugins, the logs), so that what is left is the commands'
 // own cost.
 //
-// The four runs take turns within each round, their order rotated from
+// Given a second orvane (another build of the program, such as the one
+// before a change), it also boots that one serial and with --parallel in
+// the same rounds, so that the two builds are compared under the same load.
+//
+// The runs take turns within each round, their order rotated from
 // round to round, so that a change in the machine's load falls on all of
 // them alike; the figures are the medians over the rounds, and the ratios
 // the medians of each round's own ratios.
@@ -114,7 +118,7 @@ std::string LoadAverage() {
   return one + " " + five + " " + fifteen;
 }
 
-enum Run { kSerial, kParallel, kDirect, kEmpty, kRuns };
+enum Run { kSerial, kParallel, kDirect, kEmpty, kOtherSerial, kOtherParallel, kRuns };
 
 }  // namespace
 
@@ -122,10 +126,12 @@ int main(int argc, char* argv[]) {
   const int plugins = argc > 1 ? std::atoi(argv[1]) : 300;
   const int commandsEach = argc > 2 ? std::atoi(argv[2]) : 3;
   const int rounds = argc > 3 ? std::atoi(argv[3]) : 9;
-  if (argc > 4 || plugins < 1 || commandsEach < 1 || rounds < 1) {
-    std::fprintf(stderr, "usage: %s [PLUGINS [COMMANDS-EACH [ROUNDS]]]\n", argv[0]);
+  const std::string other = argc > 4 ? argv[4] : "";
+  if (argc > 5 || plugins < 1 || commandsEach < 1 || rounds < 1) {
+    std::fprintf(stderr, "usage: %s [PLUGINS [COMMANDS-EACH [ROUNDS [OTHER-ORVANE]]]]\n", argv[0]);
     return 2;
   }
+  const int runCount = other.empty() ? kOtherSerial : kRuns;
   const int commands = plugins * commandsEach;
   PrepareHost();
 
@@ -138,6 +144,10 @@ int main(int argc, char* argv[]) {
         for (int command = 0; command < commands; ++command) SpawnAndWait({kTrueProgram});
       },
       [&] { RunOrvane({kOrvane}); },
+      [&] { RunOrvane({other}); },
+      [&] {
+        RunOrvane({other, "--parallel"});
+      },
   };
   // The empty run needs plugins without commands; the others the real ones.
   const auto timed = [&](int run) {
@@ -153,19 +163,24 @@ int main(int argc, char* argv[]) {
       plugins, commandsEach, commands, kTrueProgram, commands, rounds);
   const std::string loadBefore = LoadAverage();
   LayOutPlugins(plugins, commandsEach);
-  for (int run = 0; run < kRuns; ++run) timed(run);
+  for (int run = 0; run < runCount; ++run) timed(run);
 
   std::array<std::vector<double>, kRuns> times;
   std::vector<double> serialRatios, parallelRatios, serialOverheads, parallelOverheads;
+  std::vector<double> otherSerialRatios, otherParallelRatios;
   for (int round = 0; round < rounds; ++round) {
     std::array<double, kRuns> roundTimes{};
-    for (int turn = 0; turn < kRuns; ++turn) {
-      const int run = (turn + round) % kRuns;
+    for (int turn = 0; turn < runCount; ++turn) {
+      const int run = (turn + round) % runCount;
       roundTimes[run] = timed(run);
       times[run].push_back(roundTimes[run]);
     }
     serialRatios.push_back(roundTimes[kSerial] / roundTimes[kDirect]);
     parallelRatios.push_back(roundTimes[kParallel] / roundTimes[kDirect]);
+    if (!other.empty()) {
+      otherSerialRatios.push_back(roundTimes[kOtherSerial] / roundTimes[kDirect]);
+      otherParallelRatios.push_back(roundTimes[kOtherParallel] / roundTimes[kDirect]);
+    }
     // Microseconds per command that a boot adds over the direct spawns,
     // once what the boot costs without commands is taken out.
     const double perCommand = 1000.0 / commands;
@@ -192,6 +207,12 @@ int main(int argc, char* argv[]) {
       Median(times[kParallel]), Median(parallelRatios),
       *std::min_element(parallelRatios.begin(), parallelRatios.end()),
       *std::max_element(parallelRatios.begin(), parallelRatios.end()), Median(parallelOverheads));
+  if (!other.empty()) {
+    std::printf("%s serial %8.1f ms  ratio to direct %.3f\n", other.c_str(),
+                Median(times[kOtherSerial]), Median(otherSerialRatios));
+    std::printf("%s --parallel %8.1f ms  ratio to direct %.3f\n", other.c_str(),
+                Median(times[kOtherParallel]), Median(otherParallelRatios));
+  }
   std::printf("load average %s -> %s\n", loadBefore.c_str(), LoadAverage().c_str());
   return 0;
 }
