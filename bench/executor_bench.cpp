@@ -142,8 +142,10 @@ int main(int argc, char* argv[]) {
     }
     std::printf("ratio executor/direct (total time)  %.3f   (target <= 1.2)\n",
                 throughExecutor.Total() / direct.Total());
-    std::printf("overhead per command, median of the pairs  %+.1f us (target <= 50 us)\n",
-                overhead.Percentile(0.5));
+    std::printf(
+        "overhead per command, median of the pairs  %+.1f us (target <= 50 us); quartiles "
+        "%+.1f .. %+.1f us\n",
+        overhead.Percentile(0.5), overhead.Percentile(0.25), overhead.Percentile(0.75));
     std::printf("round trip mean                     %.1f us (target <= 40 us)\n",
                 roundTrip.Mean());
   } catch (const std::exception& error) {
