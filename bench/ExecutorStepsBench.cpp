@@ -7,9 +7,10 @@
 //     request (the peer's credentials, the receive time-out);
 //   - parsing, validating and dispatching one command line, with a program
 //     runner that starts nothing;
-//   - the program's start and wait: the command runner as the executor
-//     uses it, against posix_spawn of the same program with no attributes
-//     and with the signal resets the runner asks for.
+//   - the program's start and wait: the command runner, against
+//     posix_spawn of the same program with no attributes and with the
+//     signal resets the runner asks for, and last the runner as the
+//     executor process has it, its signal actions promised fixed.
 // Nothing here runs orvane or the executor process: the steps are the
 // libraries' own functions, on a scratch directory of command definitions.
 #include <benchmark/benchmark.h>
@@ -40,6 +41,7 @@
 #include "CppTools/AutoCli/Dispatcher.h"
 #include "CppTools/AutoCli/OptionParser.h"
 #include "orvaner/cli/QorcliExecutor.h"
+#include "process/Spawner.h"
 
 extern char** environ;
 
@@ -252,6 +254,19 @@ void BM_QueryEverySignalAction(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_QueryEverySignalAction)->Unit(benchmark::kMicrosecond);
+
+// The command runner as the executor process has it: its signal actions
+// promised fixed, so that a child resets only the signals found not at
+// their default. The promise lasts for the rest of this process, so this
+// benchmark is registered, and runs, last.
+void BM_RunCommandProgramWithFixedSignalActions(benchmark::State& state) {
+  ::signal(SIGPIPE, SIG_IGN);  // as the executor has it
+  process::PromiseFixedSignalActions();
+  StepDispatcher dispatcher(Definitions(), true);
+  const std::vector<std::string> arguments = {kTrueProgram};
+  for (auto _ : state) benchmark::DoNotOptimize(dispatcher.RunDirectly(arguments));
+}
+BENCHMARK(BM_RunCommandProgramWithFixedSignalActions)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 }  // namespace
 

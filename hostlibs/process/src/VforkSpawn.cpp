@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -87,21 +88,45 @@ struct ChildRequest {
   int error;
 };
 
+bool IsHandled(const struct sigaction& action) {
+  return (action.sa_flags & SA_SIGINFO) != 0 ||
+         (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
+}
+
+/// The signals whose action is not the default, read once when the process
+/// promised to change none (PromiseFixedSignalActions).
+struct FixedSignalActions {
+  int ignored[NSIG];
+  int ignoredCount = 0;
+  int handled[NSIG];
+  int handledCount = 0;
+};
+
+std::atomic<const FixedSignalActions*> fixedSignalActions{nullptr};
+
 // Every signal to its default action (defaultSignals), or only those with a
 // handler of this process (which the program's image would not have): the
 // others keep what this process gives them, ignored ones included, as
-// posix_spawn does. SIGKILL and SIGSTOP cannot change.
+// posix_spawn does. SIGKILL and SIGSTOP cannot change. A process whose
+// actions are fixed resets only the signals it found not at their default.
 void ResetSignalActions(bool everySignal) {
   struct sigaction defaultAction {};
   defaultAction.sa_handler = SIG_DFL;
+  if (const FixedSignalActions* fixed = fixedSignalActions.load(std::memory_order_acquire);
+      fixed != nullptr) {
+    for (int index = 0; index < fixed->handledCount; ++index) {
+      ::sigaction(fixed->handled[index], &defaultAction, nullptr);
+    }
+    for (int index = 0; everySignal && index < fixed->ignoredCount; ++index) {
+      ::sigaction(fixed->ignored[index], &defaultAction, nullptr);
+    }
+    return;
+  }
   for (int signal = 1; signal < NSIG; ++signal) {
     if (signal == SIGKILL || signal == SIGSTOP) continue;
     if (!everySignal) {
       struct sigaction current {};
-      if (::sigaction(signal, nullptr, &current) != 0) continue;
-      const bool handled = (current.sa_flags & SA_SIGINFO) != 0 ||
-                           (current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN);
-      if (!handled) continue;
+      if (::sigaction(signal, nullptr, &current) != 0 || !IsHandled(current)) continue;
     }
     // A signal the C library keeps for itself refuses the change; it has no
     // handler a program could inherit.
@@ -182,6 +207,23 @@ ChildStack& ThisThreadsChildStack() {
 }
 
 }  // namespace
+
+void FixSignalActions() {
+  if (fixedSignalActions.load(std::memory_order_acquire) != nullptr) return;
+  auto* fixed = new FixedSignalActions;  // kept for the life of the process
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction current {};
+    if (signal == SIGKILL || signal == SIGSTOP || ::sigaction(signal, nullptr, &current) != 0) {
+      continue;
+    }
+    if (IsHandled(current)) {
+      fixed->handled[fixed->handledCount++] = signal;
+    } else if (current.sa_handler == SIG_IGN) {
+      fixed->ignored[fixed->ignoredCount++] = signal;
+    }
+  }
+  fixedSignalActions.store(fixed, std::memory_order_release);
+}
 
 bool CanSpawnWithVfork(const Program& program) {
   if (kSanitizerBuild) return false;

@@ -8,6 +8,10 @@
 
 namespace process::detail {
 
+/// Reads every signal's action once; from then on a child resets only the
+/// signals found ignored or handled (see PromiseFixedSignalActions).
+void FixSignalActions();
+
 /// Whether SpawnWithVfork can start @p program: only a program named by a
 /// path (with a "/"; a bare name needs the PATH search, which stays
 /// posix_spawnp's), and not in a build under a sanitizer, whose run-time

@@ -25,6 +25,7 @@
 #include "orvaner/cli/QorcliExecutor.h"
 #include "orvaner/run/RedirectStdio.h"
 #include "poll/Poll.h"
+#include "process/Spawner.h"
 
 namespace orvane {
 namespace {
@@ -181,6 +182,10 @@ void QorcliExecutor::RunExecutorProcess() {
     if (daemon(0, 1) != 0) {
       throw Exception("Failed to daemonize");
     }
+    // The executor's signal actions are settled here (inherited from
+    // orvane, SIGPIPE ignored) and nothing in it changes them: each
+    // command's child need reset only the signals found not at their default.
+    process::PromiseFixedSignalActions();
     StartEventLoop();
     Log_Level(LOG_LEVEL_INFO, "Executor Reset - polling for commands\n");
     pthread_join(eventLoopThread_, nullptr);

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -327,6 +328,51 @@ TEST(SpawnerRunTest, SignalsSentDuringRunsReachTheCallerWhoseHandlerAndMaskStay)
   for (int signal = 1; signal < SIGRTMIN; ++signal) {
     EXPECT_EQ(sigismember(&now, signal), sigismember(&before, signal)) << "signal " << signal;
   }
+}
+
+/// The bits of the SigIgn line that grep wrote to @p path; all set when
+/// there is no such line.
+unsigned long long IgnoredBits(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("SigIgn:\t", 0) == 0) return std::stoull(line.substr(8), nullptr, 16);
+  }
+  return ~0ULL;
+}
+
+TEST(SpawnerRunTest, AfterThePromiseOfFixedActionsIgnoredAndHandledSignalsAreStillReset) {
+  // The promise lasts for the life of a process, so it is made in a child
+  // of the test, which reports through its exit code.
+  unit_testing::TemporaryDirectory directory;
+  const std::string defaulted = directory / "defaulted";
+  const std::string kept = directory / "kept";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGHUP, SIG_IGN);
+    ::signal(SIGUSR1, &CountUser1);
+    PromiseFixedSignalActions();
+    std::string grep = "/bin/grep";
+    std::string pattern = "^SigIgn";
+    std::string status = "/proc/self/status";
+    char* const arguments[] = {grep.data(), pattern.data(), status.data(), nullptr};
+    for (const bool defaultSignals : {true, false}) {
+      const int output =
+          ::open((defaultSignals ? defaulted : kept).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+      Program program;
+      program.arguments = arguments;
+      program.streams.output = Stream::Descriptor(output);
+      program.defaultSignals = defaultSignals;
+      if (!Spawner::Instance().Run(program).status.Succeeded()) ::_exit(2);
+      ::close(output);
+    }
+    ::_exit(0);
+  }
+  ASSERT_EQ(WaitForExit(child).Code(), 0);
+  const unsigned long long pipeAndHangUp = (1ULL << (SIGPIPE - 1)) | (1ULL << (SIGHUP - 1));
+  EXPECT_EQ(IgnoredBits(defaulted) & 0x7fffffffULL, 0u);
+  EXPECT_EQ(IgnoredBits(kept) & pipeAndHangUp, pipeAndHangUp);
 }
 
 TEST(SpawnerRunTest, StreamThatCannotBePlacedIsAStartError) {
