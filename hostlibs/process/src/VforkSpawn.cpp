@@ -8,7 +8,9 @@
 // makes system calls: no allocation, no lock, nothing another thread of
 // this process could be holding. It finds every handler of this process
 // still installed, so every signal stays blocked from before the clone
-// until the child has put each one back to its default action.
+// until the child has put each handled one back to its default action. A
+// process that promised its signal actions fixed has them read once, and
+// its children reset only the signals found not at their default.
 #include "VforkSpawn.h"
 
 #include <fcntl.h>
