@@ -55,7 +55,7 @@ constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
 constexpr const char* kTrueProgram = "/bin/true";
 constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
-constexpr int kRounds = 5;
+constexpr int kRounds = 9;
 
 enum class Kind { kJSON, kDebug, kNative };
 
@@ -234,11 +234,23 @@ void ReportRecordCost(const std::string& withoutRecord) {
   }
 }
 
-void Report(const char* mode, int threads, int plugins, double orvane, double direct) {
+// orvane and the direct starts in turns, kRounds times: each one's median,
+// and the median of each round's ratio, which a change in the machine's
+// load between the two moves far less than the ratio of the medians.
+void Compare(const char* mode, int threads, int plugins, const std::function<void()>& orvane,
+             const std::function<void()>& direct) {
+  const Interleaved times = RunInTurns(kRounds, orvane, direct);
+  std::vector<double> ratios;
+  for (std::size_t round = 0; round < times.first.size(); ++round) {
+    ratios.push_back(times.first[round] / times.second[round]);
+  }
+  const double orvaneMedian = Quantile(times.first, 0.5);
+  const double directMedian = Quantile(times.second, 0.5);
   std::printf(
       "%-8s threads %2d  orvane %8.1f ms (%6.3f ms/plugin)  direct %8.1f ms (%6.3f ms/plugin)  "
-      "ratio %.2f\n",
-      mode, threads, orvane, orvane / plugins, direct, direct / plugins, orvane / direct);
+      "ratio %.2f (rounds %.2f .. %.2f)\n",
+      mode, threads, orvaneMedian, orvaneMedian / plugins, directMedian, directMedian / plugins,
+      Quantile(ratios, 0.5), Quantile(ratios, 0.0), Quantile(ratios, 1.0));
 }
 
 }  // namespace
@@ -262,19 +274,19 @@ int main(int argc, char* argv[]) {
     return std::count_if(work.begin(), work.end(),
                          [&](const Work& item) { return item.kind == kind; });
   };
-  std::printf("%d plugins doing nothing (%ld JSON, %ld debug, %ld native); median of %d runs\n",
-              plugins, count(Kind::kJSON), count(Kind::kDebug), count(Kind::kNative), kRounds);
+  std::printf(
+      "%d plugins doing nothing (%ld JSON, %ld debug, %ld native); %d rounds of orvane and the "
+      "direct starts in turns\n",
+      plugins, count(Kind::kJSON), count(Kind::kDebug), count(Kind::kNative), kRounds);
 
-  const double serialOrvane = MedianMilliseconds(kRounds, [] { RunOrvane({kOrvane}); });
-  const double serialDirect = MedianMilliseconds(kRounds, [&] { RunDirect(work, 1); });
-  Report("serial", 1, plugins, serialOrvane, serialDirect);
-
-  const double parallelOrvane = MedianMilliseconds(kRounds, [] {
-    RunOrvane({kOrvane, "--parallel"});
-  });
-  const double parallelDirect =
-      MedianMilliseconds(kRounds, [&] { RunDirect(work, parallelThreads); });
-  Report("parallel", parallelThreads, plugins, parallelOrvane, parallelDirect);
+  Compare(
+      "serial", 1, plugins, [] { RunOrvane({kOrvane}); }, [&] { RunDirect(work, 1); });
+  Compare(
+      "parallel", parallelThreads, plugins,
+      [] {
+        RunOrvane({kOrvane, "--parallel"});
+      },
+      [&] { RunDirect(work, parallelThreads); });
 
   // The JSON commands alone, one at a time: with enough threads the rest
   // hides behind them, so this bounds the parallel direct run from below.

@@ -2,6 +2,10 @@
 // QorcliExecutor::RunCommand whose definition runs /bin/true, against COUNT
 // direct posix_spawn and waitpid calls of /bin/true, and the bare protocol
 // round trip of a command line that fails to parse (nothing is spawned).
+// Each command through the executor is timed beside a direct spawn, and
+// the median of the pairs' differences is one command's overhead; then
+// blocks of commands in a row, as a plugin sends them, against blocks of
+// direct spawns in a row.
 //
 // It starts an executor on the host's fixed paths, so it runs only inside a
 // sandbox: scripts/bench-executor builds, stages and runs it there with the
@@ -125,16 +129,43 @@ int main(int argc, char* argv[]) {
       Append(direct, Measure(1, SpawnTrue));
     }
     const Timings roundTrip = Measure(count, RunUnparsable);
+    // Back to back, as a plugin's commands are sent: blocks of commands in
+    // a row against blocks of direct spawns in a row, in turns.
+    constexpr int kBlock = 50;
+    double backToBackExecutor = 0;
+    double backToBackDirect = 0;
+    for (int done = 0; done < count; done += kBlock) {
+      backToBackExecutor += Measure(kBlock, RunTrue).Total();
+      backToBackDirect += Measure(kBlock, SpawnTrue).Total();
+    }
     orvane::QorcliExecutor::Instance().Stop();
 
     std::printf("%d calls each, after %d warm-up calls\n", count, kWarmUpRuns);
     Print("RunCommand \"bench true\"", throughExecutor);
     Print("posix_spawn+waitpid /bin/true", direct);
     Print("round trip (parse failure)", roundTrip);
+    // Each command was timed beside a direct spawn, so the median of the
+    // pairs' differences is one command's overhead under the same load.
+    Timings overhead;
+    for (int i = 0; i < count; ++i) {
+      overhead.microseconds.push_back(throughExecutor.microseconds[static_cast<std::size_t>(i)] -
+                                      direct.microseconds[static_cast<std::size_t>(i)]);
+    }
     std::printf("ratio executor/direct (total time)  %.3f   (target <= 1.2)\n",
                 throughExecutor.Total() / direct.Total());
+    std::printf(
+        "overhead per command, median of the pairs  %+.1f us (target <= 50 us); quartiles "
+        "%+.1f .. %+.1f us\n",
+        overhead.Percentile(0.5), overhead.Percentile(0.25), overhead.Percentile(0.75));
     std::printf("round trip mean                     %.1f us (target <= 40 us)\n",
                 roundTrip.Mean());
+    const int backToBackCount = (count + kBlock - 1) / kBlock * kBlock;
+    std::printf(
+        "back to back, %d in blocks of %d: executor %.1f us, direct %.1f us a call, "
+        "overhead %+.1f us\n",
+        backToBackCount, kBlock, backToBackExecutor / backToBackCount,
+        backToBackDirect / backToBackCount,
+        (backToBackExecutor - backToBackDirect) / backToBackCount);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "executor_bench: %s\n", error.what());
     return 1;

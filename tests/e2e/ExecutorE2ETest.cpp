@@ -197,6 +197,26 @@ TEST_F(ExecutorE2E, ClientThatLeavesBeforeTheReplyDoesNotStopTheExecutor) {
   EXPECT_THAT(Recorded(), ElementsAre("first", "second"));
 }
 
+// The executor ignores SIGPIPE (its client set that before forking it);
+// every command's program starts with it, and every other signal, at the
+// default action, the first command and the ones after it alike.
+TEST_F(ExecutorE2E, CommandProgramsStartWithTheSignalsTheExecutorIgnoresAtTheirDefault) {
+  sandbox_->WriteFile("/usr/local/bin/ignoredsignals",
+                      "#!/bin/sh\ngrep '^SigIgn' /proc/$$/status >> /tmp/ignored-signals\n", 0755);
+  sandbox_->WriteFile("/usr/lib/talvek/qorcli/signals.json",
+                      R"({"commands": [{"path": ["test", "signals"],)"
+                      R"( "exec": ["/usr/local/bin/ignoredsignals"]}]})");
+  EXPECT_THAT(Probe({"reset", "run", "test signals", "run", "test signals"}),
+              ElementsAre("reset: ok", "run: ok", "run: ok"));
+  const std::vector<std::string> lines = Lines(sandbox_->ReadFile("/tmp/ignored-signals"));
+  ASSERT_EQ(lines.size(), 2u);
+  for (const std::string& line : lines) {
+    // The standard signals 1 to 31; the C library decides 32 and 33.
+    EXPECT_EQ(std::stoull(line.substr(line.find('\t') + 1), nullptr, 16) & 0x7fffffffULL, 0u)
+        << line;
+  }
+}
+
 TEST_F(ExecutorE2E, HelpRequestRepliesZeroAndDispatchesNothing) {
   EXPECT_THAT(Probe({"reset", "run", "test record --help", "send", "--help"}),
               ElementsAre("reset: ok", "run: ok", "send: status 0"));

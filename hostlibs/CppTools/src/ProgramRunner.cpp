@@ -2,10 +2,11 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <set>
+#include <string_view>
 
 #include "process/Spawner.h"
 
@@ -14,36 +15,44 @@ extern char** environ;
 namespace CppTools::AutoCli::detail {
 namespace {
 
-std::vector<std::string> BuildEnvironment(
-    const std::vector<std::pair<std::string, std::string>>& extraEnvironment,
-    const std::vector<std::string>& removedVariables) {
-  std::set<std::string> replaced(removedVariables.begin(), removedVariables.end());
-  for (const auto& [name, value] : extraEnvironment) {
-    replaced.insert(name);
-  }
-  std::vector<std::string> environment;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    std::string variable(*entry);
-    if (replaced.count(variable.substr(0, variable.find('='))) == 0) {
-      environment.push_back(std::move(variable));
-    }
-  }
-  for (const auto& [name, value] : extraEnvironment) {
-    environment.push_back(name);
-    environment.back().append("=").append(value);
-  }
-  return environment;
+/// Whether the environment entry @p entry ("NAME=value") sets one of the
+/// variables named in @p names.
+bool SetsOneOf(const char* entry, const std::vector<std::string_view>& names) {
+  const char* equals = std::strchr(entry, '=');
+  const std::string_view name(
+      entry, equals == nullptr ? std::strlen(entry) : static_cast<std::size_t>(equals - entry));
+  return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-std::vector<char*> PointersTo(std::vector<std::string>& strings) {
-  std::vector<char*> pointers;
-  pointers.reserve(strings.size() + 1);
-  for (std::string& text : strings) {
-    pointers.push_back(text.data());
+/// The program's environment: this process's entries, pointed at where
+/// they are, less those the command removes or replaces, then the
+/// command's own "NAME=value" strings, which the object owns.
+class ProgramEnvironment {
+ public:
+  ProgramEnvironment(const std::vector<std::pair<std::string, std::string>>& extraEnvironment,
+                     const std::vector<std::string>& removedVariables) {
+    std::vector<std::string_view> replaced(removedVariables.begin(), removedVariables.end());
+    for (const auto& [name, value] : extraEnvironment) replaced.emplace_back(name);
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+      if (replaced.empty() || !SetsOneOf(*entry, replaced)) pointers_.push_back(*entry);
+    }
+    added_.reserve(extraEnvironment.size());
+    for (const auto& [name, value] : extraEnvironment) {
+      added_.push_back(name);
+      added_.back().append("=").append(value);
+      pointers_.push_back(added_.back().data());
+    }
+    pointers_.push_back(nullptr);
   }
-  pointers.push_back(nullptr);
-  return pointers;
-}
+  ProgramEnvironment(const ProgramEnvironment&) = delete;
+  ProgramEnvironment& operator=(const ProgramEnvironment&) = delete;
+
+  char* const* Get() const { return pointers_.data(); }
+
+ private:
+  std::vector<std::string> added_;
+  std::vector<char*> pointers_;
+};
 
 }  // namespace
 
@@ -55,10 +64,15 @@ ProgramResult RunProgram(const std::vector<std::string>& argv,
     result.startError = "there is no program to run";
     return result;
   }
-  std::vector<std::string> arguments = argv;
-  std::vector<std::string> environment = BuildEnvironment(extraEnvironment, removedVariables);
-  std::vector<char*> argumentPointers = PointersTo(arguments);
-  std::vector<char*> environmentPointers = PointersTo(environment);
+  // The program gets the caller's strings as they are: nothing is copied
+  // but the pointers, and the environment's own variables stay in place.
+  std::vector<char*> argumentPointers;
+  argumentPointers.reserve(argv.size() + 1);
+  for (const std::string& argument : argv) {
+    argumentPointers.push_back(const_cast<char*>(argument.c_str()));
+  }
+  argumentPointers.push_back(nullptr);
+  const ProgramEnvironment environment(extraEnvironment, removedVariables);
 
   // What the caller printed so far must come before what the program prints.
   std::cout.flush();
@@ -71,7 +85,7 @@ ProgramResult RunProgram(const std::vector<std::string>& argv,
   // not outlive the caller inside it.
   process::Program program;
   program.arguments = argumentPointers.data();
-  program.environment = environmentPointers.data();
+  program.environment = environment.Get();
   program.searchPath = true;
   program.defaultSignals = true;
   const process::RunResult run = process::Spawner::Instance().Run(program);

@@ -13,8 +13,8 @@ namespace CppTools::AutoCli::detail {
 /// caller's environment less the variables named in @p removedVariables,
 /// plus @p extraEnvironment (replacing variables of the same name); with
 /// the caller's descriptors 0, 1 and 2 and no others, every signal at its
-/// default action and none blocked; and waits for it to end. Uses
-/// posix_spawn, so the caller's image is never duplicated.
+/// default action and none blocked; and waits for it to end. The process
+/// library's spawn never duplicates the caller's image.
 ProgramResult RunProgram(const std::vector<std::string>& argv,
                          const std::vector<std::pair<std::string, std::string>>& extraEnvironment,
                          const std::vector<std::string>& removedVariables);

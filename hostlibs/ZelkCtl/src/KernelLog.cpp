@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -36,17 +37,38 @@ std::string FormatRecord(KernelLogPriority priority, std::string_view message) {
   return record;
 }
 
+// The kernel log, opened by the first record that finds it and kept open
+// for the life of the process (close-on-exec): a boot writes two records a
+// plugin, and an open and a close for each cost twice the write. Until an
+// open succeeds, every record tries again; -1 with errno when it fails.
+int KernelLogDescriptor() {
+  static std::atomic<int> kept{-1};
+  const int descriptor = kept.load(std::memory_order_acquire);
+  if (descriptor >= 0) {
+    return descriptor;
+  }
+  const int opened = open(orvane::paths::kKernelLog, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY);
+  if (opened < 0) {
+    return -1;
+  }
+  int expected = -1;
+  if (kept.compare_exchange_strong(expected, opened, std::memory_order_acq_rel)) {
+    return opened;
+  }
+  close(opened);  // another thread's open won
+  return expected;
+}
+
 }  // namespace
 
 void WriteKernelLogRecord(KernelLogPriority priority, std::string_view message) {
   const std::string record = FormatRecord(priority, message);
-  int descriptor = open(orvane::paths::kKernelLog, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY);
+  const int descriptor = KernelLogDescriptor();
   if (descriptor < 0) {
     ThrowSystemError("open", errno);
   }
-  ssize_t written = write(descriptor, record.data(), record.size());
-  int writeError = errno;
-  close(descriptor);
+  const ssize_t written = write(descriptor, record.data(), record.size());
+  const int writeError = errno;
   if (written < 0) {
     ThrowSystemError("write", writeError);
   }

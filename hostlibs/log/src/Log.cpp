@@ -10,8 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -70,6 +72,17 @@ struct LogState {
   int stderrLevel = -1;
   std::shared_ptr<spdlog::sinks::sink> stderrSink;
   std::string productInfo;
+  /// The highest level some output takes, read without the mutex so that a
+  /// message nobody takes is not even formatted. Every change of the
+  /// outputs or of stderrLevel updates it under the mutex.
+  std::atomic<int> widestLevel{std::numeric_limits<int>::max()};
+
+  void UpdateWidestLevel() {
+    // Without outputs every message goes to standard error.
+    int widest = outputs.empty() ? std::numeric_limits<int>::max() : stderrLevel;
+    for (const auto& output : outputs) widest = std::max(widest, output->threshold);
+    widestLevel.store(widest, std::memory_order_release);
+  }
 };
 
 LogState& State();
@@ -130,9 +143,12 @@ void Write(LogState& state, int level, std::string_view message) {
 }
 
 void WriteFormatted(int level, const char* format, va_list arguments) {
+  LogState& state = State();
+  if (level > state.widestLevel.load(std::memory_order_acquire)) {
+    return;
+  }
   std::size_t length = 0;
   char* message = Str_SafeVasprintf(&length, format, arguments);
-  LogState& state = State();
   {
     std::lock_guard lock(state.mutex);
     Write(state, level, std::string_view(message, length));
@@ -158,6 +174,7 @@ bool Log_InitWithSyslogInt(const char* ident, const Dictionary* settings) {
   state.ident = syslogIdent;
   state.outputs.push_back(std::make_unique<LogOutput>(LogOutput{std::move(sink), *threshold}));
   state.syslogOpen = true;
+  state.UpdateWidestLevel();
   return true;
 }
 
@@ -184,6 +201,7 @@ bool Log_AddOutput(LogOutput* output) {
     return false;
   }
   state.outputs.emplace_back(output);
+  state.UpdateWidestLevel();
   return true;
 }
 
@@ -191,6 +209,7 @@ void Log_SetStderrLevel(int level, std::uint32_t /*groupMask*/) {
   LogState& state = State();
   std::lock_guard lock(state.mutex);
   state.stderrLevel = level;
+  state.UpdateWidestLevel();
 }
 
 void Log_SetProductInfo(const char* name, const char* version, const char* buildNumber,
@@ -215,6 +234,7 @@ void Log_Exit() {
   state.syslogOpen = false;
   state.stderrLevel = -1;
   state.ident = "orvane";
+  state.UpdateWidestLevel();
 }
 
 void Log_Level(int level, const char* format, ...) {

@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "VforkSpawn.h"
+
 namespace process {
 
 // Defined in SystemSpawner.cpp: the spawner of the real system.
@@ -20,6 +22,8 @@ Spawner& Spawner::Instance() {
   Spawner* replacement = Replacement().load(std::memory_order_acquire);
   return replacement != nullptr ? *replacement : SystemSpawner();
 }
+
+void PromiseFixedSignalActions() { detail::FixSignalActions(); }
 
 ScopedSpawner::ScopedSpawner(Spawner& spawner)
     : previous_(Replacement().exchange(&spawner, std::memory_order_acq_rel)) {}

@@ -1,5 +1,6 @@
-// The spawner of the real system: posix_spawn for programs run to their
-// end, the host spawn libraries for the helper and daemon commands,
+// The spawner of the real system: a vfork-like clone (or posix_spawn) for
+// programs run to their end, the host spawn libraries for the helper and
+// daemon commands,
 // system() and popen() for shell commands, fork where the child must do
 // more than execute a program.
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "VforkSpawn.h"
 #include "ZelkKernel/Spawn.h"
 #include "ZelkKernel/SpawnSettings.h"
 #include "ZelkuserCompat/Spawn.h"
@@ -181,6 +183,15 @@ class PosixSpawner final : public Spawner {
       return ForkAndWait([&] { ExecuteInChild(program, environment); });
     }
     RunResult result;
+    if (detail::CanSpawnWithVfork(program)) {
+      pid_t child = -1;
+      if (const int error = detail::SpawnWithVfork(program, environment, &child); error != 0) {
+        result.startError = error;
+        return result;
+      }
+      result.status = WaitForExit(child);
+      return result;
+    }
     SpawnSettings settings;
     if (const int error = Prepare(settings, program); error != 0) {
       result.startError = error;

@@ -1,7 +1,8 @@
 /// What travels on the executor's control socket, and the socket calls its
 /// server and client share. A client sends one command line (no length, no
-/// terminator) and shuts its sending side; the executor replies with a
-/// 4-byte status in host byte order, or only closes for a stop request.
+/// terminator; after an empty one it shuts its sending side); the executor
+/// replies with a 4-byte status in host byte order, or only closes for a
+/// stop request.
 #pragma once
 
 #include <sys/types.h>

@@ -111,14 +111,16 @@ void QorcliExecutor::RunCommand(const std::string& commandLine) {
 
   // Only the line's characters travel; a short send is not completed.
   const char* line = commandLine.c_str();
-  if (SendRetryingInterrupts(connection, line, std::strlen(line)) < 0) {
+  const std::size_t length = std::strlen(line);
+  if (SendRetryingInterrupts(connection, line, length) < 0) {
     const int error = errno;
     close(connection);
     throw Exception("Failed sending command to executor: " + ErrorText(error));
   }
-  // The end of what we send: an empty line (or one that starts with NUL)
-  // sends nothing at all, and the executor's receive must still return.
-  shutdown(connection, SHUT_WR);
+  // An empty line (or one that starts with NUL) sends nothing at all; the
+  // end of what we send is what makes the executor's receive return then.
+  // Any other line returns it by arriving.
+  if (length == 0) shutdown(connection, SHUT_WR);
   CommandStatus status = kStatusFailure;
   const ssize_t received =
       ReceiveRetryingInterrupts(connection, &status, sizeof status, MSG_WAITALL);

@@ -7,9 +7,9 @@
 ///     executor reads it with a single recv of at most 1023 bytes, parses it,
 ///     runs it through the process-wide QorcliDispatcher, and replies with a
 ///     4-byte status in host byte order (0 success, 1 failure) before closing.
-///     The client shuts its sending side down after the line, so that even
-///     an empty line ends the executor's receive; the executor waits at most
-///     a few seconds for a request;
+///     The client shuts its sending side down after an empty line, so that
+///     even that ends the executor's receive; the executor waits at most a
+///     few seconds for a request;
 ///   - a message whose first four characters are "stop" in any case stops the
 ///     executor; it is answered only by closing the connection.
 /// Only the executor's own user may use the socket: the socket file has mode

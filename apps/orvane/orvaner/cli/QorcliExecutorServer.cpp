@@ -25,6 +25,7 @@
 #include "orvaner/cli/QorcliDispatcher.h"
 #include "orvaner/cli/QorcliExecutor.h"
 #include "poll/Poll.h"
+#include "process/Spawner.h"
 
 namespace orvane {
 namespace {
@@ -82,7 +83,8 @@ bool PeerIsOwnUser(int connection) {
               ErrorText(errno).c_str());
     return false;
   }
-  const uid_t ownUser = geteuid();
+  // The executor never changes its user: read once.
+  static const uid_t ownUser = geteuid();
   if (peer.uid != ownUser) {
     Log_Level(LOG_LEVEL_WARNING,
               "Executor refused a request from uid %u (pid %d): only uid %u may use the control "
@@ -98,12 +100,19 @@ bool PeerIsOwnUser(int connection) {
 /// NUL; false when the receive failed or timed out (logged), which gets no
 /// reply.
 bool ReceiveRequest(int connection, char (&message)[kMaxMessageLength + 1]) {
-  if (setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kReceiveTimeout, sizeof kReceiveTimeout) !=
-      0) {
-    Log_Level(LOG_LEVEL_WARNING, "Executor cannot bound its wait for a request - %s\n",
-              ErrorText(errno).c_str());
+  // A client sends its line as soon as it is connected, so the line is
+  // usually here by the time it is accepted; only a connection with nothing
+  // to read yet gets a receive that waits, and that wait is bounded.
+  ssize_t received =
+      ReceiveRetryingInterrupts(connection, message, kMaxMessageLength, MSG_DONTWAIT);
+  if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+    if (setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kReceiveTimeout, sizeof kReceiveTimeout) !=
+        0) {
+      Log_Level(LOG_LEVEL_WARNING, "Executor cannot bound its wait for a request - %s\n",
+                ErrorText(errno).c_str());
+    }
+    received = ReceiveRetryingInterrupts(connection, message, kMaxMessageLength, 0);
   }
-  const ssize_t received = ReceiveRetryingInterrupts(connection, message, kMaxMessageLength, 0);
   if (received < 0) {
     Log_Level(LOG_LEVEL_WARNING, "Failed to read message from socket - %s\n\n",
               ErrorText(errno).c_str());
@@ -173,6 +182,10 @@ void QorcliExecutor::RunExecutorProcess() {
     if (daemon(0, 1) != 0) {
       throw Exception("Failed to daemonize");
     }
+    // The executor's signal actions are settled here (inherited from
+    // orvane, SIGPIPE ignored) and nothing in it changes them: each
+    // command's child need reset only the signals found not at their default.
+    process::PromiseFixedSignalActions();
     StartEventLoop();
     Log_Level(LOG_LEVEL_INFO, "Executor Reset - polling for commands\n");
     pthread_join(eventLoopThread_, nullptr);

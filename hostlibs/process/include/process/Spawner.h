@@ -178,6 +178,17 @@ class Spawner {
   virtual RunResult RunInChild(const std::function<void()>& body) = 0;
 };
 
+/// Promises that this process changes no signal's action from now on, as
+/// the executor process can once it has started. The system spawner then
+/// reads every action once, here, and the child of each program started
+/// after it resets only the signals found ignored or handled instead of
+/// every signal: one system call for each of those rather than one for
+/// each of the 64. A signal ignored or handled only after the promise
+/// would keep that action in the programs, so the promise must hold for
+/// the rest of the process's life. Call it while no other thread starts
+/// programs.
+void PromiseFixedSignalActions();
+
 /// Puts @p spawner in the place of the process-wide one for the life of the
 /// scope, and the previous one back afterwards. For tests; make it while no
 /// other thread starts processes.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <ctime>
 #include <regex>
 #include <string>
@@ -132,6 +133,24 @@ TEST_F(LogTest, WarningThresholdDropsInformation) {
     Log_Level(2, "failure\n");
   });
   EXPECT_EQ(out, "orvane: Failed opening /dev/null\norvane: failure\n");
+}
+
+TEST_F(LogTest, MessageThatNoOutputTakesIsNotFormatted) {
+  AddStdio("warning");
+  Log_SetStderrLevel(2, 0xFFFFFFFF);
+  // Formatting would read the string at this address and crash; a message
+  // above every output's threshold must not get that far.
+  const char* unreadable = reinterpret_cast<const char*>(alignof(std::max_align_t));
+  std::string out = CapturedStdout([unreadable] {
+    Log_Level(LOG_LEVEL_INFO, "%s\n", unreadable);
+    Log_Level(LOG_LEVEL_DEBUG, "%s\n", unreadable);
+    Log_Level(LOG_LEVEL_WARNING, "still %s\n", "written");
+  });
+  EXPECT_EQ(out, "orvane: still written\n");
+  // Raising the standard-error copy's level makes the same message written.
+  Log_SetStderrLevel(LOG_LEVEL_INFO, 0xFFFFFFFF);
+  std::string err = CapturedStderr([] { Log_Level(LOG_LEVEL_INFO, "now %s\n", "taken"); });
+  EXPECT_THAT(err, HasSubstr("orvane: now taken\n"));
 }
 
 TEST_F(LogTest, UnknownThresholdNameGivesNoChannel) {

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -263,6 +264,152 @@ TEST(SpawnerRunTest, DefaultSignalsUndoWhatTheCallerIgnores) {
   };
   EXPECT_EQ(pipeIgnored(inherited), 1u);
   EXPECT_EQ(pipeIgnored(defaulted), 0u);
+}
+
+TEST(SpawnerRunTest, WithoutDefaultSignalsTheProgramKeepsTheCallersMaskAndIgnoredSignals) {
+  unit_testing::TemporaryDirectory directory;
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  struct sigaction previous {};
+  ASSERT_EQ(::sigaction(SIGPIPE, &ignore, &previous), 0);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR2);
+  sigset_t previousMask;
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask), 0);
+  // grep reports its own status (a shell would unblock signals first).
+  std::string grep = "/bin/grep";
+  std::string option = "-E";
+  std::string pattern = "^Sig(Ign|Blk)";
+  std::string status = "/proc/self/status";
+  char* const arguments[] = {grep.data(), option.data(), pattern.data(), status.data(), nullptr};
+  const int output = ::open((directory / "signals").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  Program program;
+  program.arguments = arguments;
+  program.streams.output = Stream::Descriptor(output);
+  const RunResult result = Spawner::Instance().Run(program);
+  ::close(output);
+  ASSERT_TRUE(result.status.Succeeded());
+  const std::string signals = directory.Read("signals");
+  const auto bit = [&signals](const std::string& field, int signal) {
+    const std::size_t start = signals.find(field + ":\t");
+    return (std::stoull(signals.substr(start + field.size() + 2, 16), nullptr, 16) >>
+            (signal - 1)) &
+           1u;
+  };
+  EXPECT_EQ(bit("SigIgn", SIGPIPE), 1u) << signals;
+  EXPECT_EQ(bit("SigBlk", SIGUSR2), 1u) << signals;
+}
+
+volatile sig_atomic_t user1Count = 0;
+void CountUser1(int) { user1Count = user1Count + 1; }
+
+TEST(SpawnerRunTest, SignalsSentDuringRunsReachTheCallerWhoseHandlerAndMaskStay) {
+  // Every signal is blocked while the child shares this process's memory;
+  // the caller's own mask must be back when each run returns, so that the
+  // signal a program sends to it is delivered to its handler, not lost.
+  struct sigaction handler {};
+  handler.sa_handler = &CountUser1;
+  struct sigaction previous {};
+  ASSERT_EQ(::sigaction(SIGUSR1, &handler, &previous), 0);
+  sigset_t before;
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &before), 0);
+  user1Count = 0;
+  for (int run = 0; run < 20; ++run) {
+    ASSERT_TRUE(RunScript("kill -USR1 $PPID; exit 0").status.Succeeded());
+  }
+  const int delivered = user1Count;
+  struct sigaction after {};
+  ::sigaction(SIGUSR1, &previous, &after);
+  EXPECT_EQ(delivered, 20);
+  EXPECT_EQ(after.sa_handler, &CountUser1);
+  sigset_t now;
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &now), 0);
+  for (int signal = 1; signal < SIGRTMIN; ++signal) {
+    EXPECT_EQ(sigismember(&now, signal), sigismember(&before, signal)) << "signal " << signal;
+  }
+}
+
+/// The bits of the SigIgn line that grep wrote to @p path; all set when
+/// there is no such line.
+unsigned long long IgnoredBits(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("SigIgn:\t", 0) == 0) return std::stoull(line.substr(8), nullptr, 16);
+  }
+  return ~0ULL;
+}
+
+TEST(SpawnerRunTest, AfterThePromiseOfFixedActionsIgnoredAndHandledSignalsAreStillReset) {
+  // The promise lasts for the life of a process, so it is made in a child
+  // of the test, which reports through its exit code.
+  unit_testing::TemporaryDirectory directory;
+  const std::string defaulted = directory / "defaulted";
+  const std::string kept = directory / "kept";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGHUP, SIG_IGN);
+    ::signal(SIGUSR1, &CountUser1);
+    PromiseFixedSignalActions();
+    std::string grep = "/bin/grep";
+    std::string pattern = "^SigIgn";
+    std::string status = "/proc/self/status";
+    char* const arguments[] = {grep.data(), pattern.data(), status.data(), nullptr};
+    for (const bool defaultSignals : {true, false}) {
+      const int output =
+          ::open((defaultSignals ? defaulted : kept).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+      Program program;
+      program.arguments = arguments;
+      program.streams.output = Stream::Descriptor(output);
+      program.defaultSignals = defaultSignals;
+      if (!Spawner::Instance().Run(program).status.Succeeded()) ::_exit(2);
+      ::close(output);
+    }
+    ::_exit(0);
+  }
+  ASSERT_EQ(WaitForExit(child).Code(), 0);
+  const unsigned long long pipeAndHangUp = (1ULL << (SIGPIPE - 1)) | (1ULL << (SIGHUP - 1));
+  EXPECT_EQ(IgnoredBits(defaulted) & 0x7fffffffULL, 0u);
+  EXPECT_EQ(IgnoredBits(kept) & pipeAndHangUp, pipeAndHangUp);
+}
+
+TEST(SpawnerRunTest, StreamThatCannotBePlacedIsAStartError) {
+  const int closed = ::open("/dev/null", O_RDONLY);
+  ASSERT_GE(closed, 3);
+  ::close(closed);
+  const RunResult result =
+      RunScript("exit 0", {Stream::Inherited(), Stream::Descriptor(closed), Stream::Inherited()});
+  EXPECT_FALSE(result.Started());
+  EXPECT_EQ(result.startError, EBADF);
+}
+
+TEST(SpawnerRunTest, FileThatIsNotAProgramIsAStartError) {
+  unit_testing::TemporaryDirectory directory;
+  directory.Write("data", "not a program\n");
+  const std::string path = directory / "data";
+  std::string program = path;
+  char* const arguments[] = {program.data(), nullptr};
+  Program notExecutable;
+  notExecutable.arguments = arguments;
+  EXPECT_EQ(Spawner::Instance().Run(notExecutable).startError, EACCES);
+}
+
+TEST(SpawnerRunTest, ThreadsRunProgramsAtTheSameTime) {
+  std::vector<std::thread> threads;
+  std::vector<int> codes(4, -1);
+  for (std::size_t thread = 0; thread < codes.size(); ++thread) {
+    threads.emplace_back([thread, &codes] {
+      for (int run = 0; run < 10; ++run) {
+        const RunResult result = RunScript("exit " + std::to_string(thread + 1));
+        if (!result.Started() || result.status.Code() != static_cast<int>(thread + 1)) return;
+      }
+      codes[thread] = static_cast<int>(thread + 1);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_THAT(codes, ::testing::ElementsAre(1, 2, 3, 4));
 }
 
 // ---- starting without waiting
