@@ -21,7 +21,6 @@
 #include <pthread.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
