@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "SpawnTiming.h"
+#include "orvane/FixedPaths.h"
 
 extern char** environ;
 
@@ -47,14 +48,11 @@ using orvane::bench::MedianMilliseconds;
 using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
+namespace paths = orvane::paths;
 
 constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kNativeExecutor = "/usr/lib/talvek/orvane/nativeExecutor";
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
 constexpr const char* kTrueProgram = "/bin/true";
-constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
 constexpr int kRounds = 9;
 
 enum class Kind { kJSON, kDebug, kNative };
@@ -84,9 +82,9 @@ void WriteFile(const std::string& path, const std::string& content) {
 // barrier, so the whole set is one level of independent plugins.
 std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
   namespace fs = std::filesystem;
-  fs::remove_all(kPluginDirectory);
-  fs::create_directories(kPluginDirectory);
-  fs::create_directories(fs::path(kDebugConfiguration).parent_path());
+  fs::remove_all(paths::kPluginDirectory);
+  fs::create_directories(paths::kPluginDirectory);
+  fs::create_directories(fs::path(paths::kDebugConfiguration).parent_path());
   fs::create_directories(fs::path(kDefinitionFile).parent_path());
   WriteFile(kDefinitionFile, R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
                              "\n");
@@ -96,7 +94,7 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
     switch (index % 3) {
       case 0: {
         const std::string name = Numbered("json", index);
-        WriteFile(std::string(kPluginDirectory) + "/" + name + ".json",
+        WriteFile(std::string(paths::kPluginDirectory) + "/" + name + ".json",
                   R"({"metadata": {"version": 1, "requires": [], "provides": []},)"
                   R"( "operations": {"start": ["bench true"]}})"
                   "\n");
@@ -111,14 +109,14 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
       }
       default: {
         const std::string name = Numbered("native", index);
-        const std::string library = std::string(kPluginDirectory) + "/lib" + name + ".so";
+        const std::string library = std::string(paths::kPluginDirectory) + "/lib" + name + ".so";
         fs::copy_file(nativeLibrary, library, fs::copy_options::overwrite_existing);
         work.push_back({Kind::kNative, name, library});
         break;
       }
     }
   }
-  WriteFile(kDebugConfiguration, debugConfiguration);
+  WriteFile(paths::kDebugConfiguration, debugConfiguration);
   return work;
 }
 
@@ -126,7 +124,7 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
 // executor per boot: the host's /var/run starts empty), so each run begins
 // as a boot does, without it.
 void RunOrvane(const std::vector<std::string>& arguments) {
-  unlink(kExecutorSocket);
+  unlink(paths::kExecutorSocket);
   SpawnAndWait(arguments);
 }
 
@@ -150,7 +148,7 @@ void RunDirect(const std::vector<Work>& work, int threads) {
             if (std::system("true") != 0) std::exit(1);
             break;
           case Kind::kNative:
-            SpawnAndWait({kNativeExecutor, item.library, item.name, "start"});
+            SpawnAndWait({paths::kNativeExecutor, item.library, item.name, "start"});
             break;
         }
       }

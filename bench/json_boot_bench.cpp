@@ -84,19 +84,18 @@
 #include <vector>
 
 #include "SpawnTiming.h"
+#include "orvane/FixedPaths.h"
 
 namespace {
 
 using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
+namespace paths = orvane::paths;
 
 constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kPluginDirectory = "/usr/libexec/orvane/plugins";
-constexpr const char* kDebugConfiguration = "/etc/talvek/orvane/debug.conf";
 constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
 constexpr const char* kTrueProgram = "/bin/true";
-constexpr const char* kExecutorSocket = "/var/run/talvek/orvaneExecutor.sock";
 constexpr const char* kCommandLine = "bench true";
 
 void WriteFile(const std::string& path, const std::string& content) {
@@ -111,7 +110,7 @@ void WriteFile(const std::string& path, const std::string& content) {
 std::string PluginPath(int index) {
   char name[32];
   std::snprintf(name, sizeof name, "/json%04d.json", index);
-  return kPluginDirectory + std::string(name);
+  return paths::kPluginDirectory + std::string(name);
 }
 
 // PLUGINS independent JSON plugins (none requires or provides a barrier),
@@ -129,9 +128,9 @@ void LayOutPlugins(int plugins, int commands) {
 
 void PrepareHost() {
   namespace fs = std::filesystem;
-  fs::remove_all(kPluginDirectory);
-  fs::create_directories(kPluginDirectory);
-  fs::remove(kDebugConfiguration);
+  fs::remove_all(paths::kPluginDirectory);
+  fs::create_directories(paths::kPluginDirectory);
+  fs::remove(paths::kDebugConfiguration);
   fs::create_directories(fs::path(kDefinitionFile).parent_path());
   WriteFile(kDefinitionFile, R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
                              "\n");
@@ -141,7 +140,7 @@ void PrepareHost() {
 // executor per boot: the host's /var/run starts empty), so each run begins
 // as a boot does, without it.
 void RunOrvane(const std::vector<std::string>& arguments) {
-  unlink(kExecutorSocket);
+  unlink(paths::kExecutorSocket);
   SpawnAndWait(arguments);
 }
 
