@@ -1,5 +1,6 @@
-// What the sandboxed benchmarks (a boot, daemon mode) share: starting a
-// program as a baseline does, and the median time of a few runs.
+// What the sandboxed benchmarks (a boot, daemon mode) share: the programs
+// they run, starting a program as a baseline does, and the median time of a
+// few runs.
 #pragma once
 
 #include <fcntl.h>
@@ -16,6 +17,13 @@
 #include <vector>
 
 namespace orvane::bench {
+
+/// The orvane the sandbox installed, the no-op program the benchmarks'
+/// commands run, and the command definition their scripts lay down for it
+/// ({"path": ["bench", "true"], "exec": ["/bin/true"]}).
+inline constexpr const char* kOrvane = "/usr/bin/orvane";
+inline constexpr const char* kTrueProgram = "/bin/true";
+inline constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
 
 /// Starts argv[0] with its standard streams on /dev/null and waits for it;
 /// a program that cannot start or does not exit 0 ends the benchmark.

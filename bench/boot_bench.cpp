@@ -44,15 +44,15 @@ extern char** environ;
 
 namespace {
 
+using orvane::bench::kDefinitionFile;
+using orvane::bench::kOrvane;
+using orvane::bench::kTrueProgram;
 using orvane::bench::MedianMilliseconds;
 using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
 namespace paths = orvane::paths;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
-constexpr const char* kTrueProgram = "/bin/true";
 constexpr int kRounds = 9;
 
 enum class Kind { kJSON, kDebug, kNative };

@@ -32,12 +32,12 @@ extern char** environ;
 
 namespace {
 
+using orvane::bench::kOrvane;
 using orvane::bench::MedianMilliseconds;
 using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
 constexpr const char* kServiceTool = "/bin/chkconfig";
 constexpr const char* kScriptDirectory = "/etc/init.d";
 constexpr int kRounds = 7;

@@ -88,14 +88,14 @@
 
 namespace {
 
+using orvane::bench::kDefinitionFile;
+using orvane::bench::kOrvane;
+using orvane::bench::kTrueProgram;
 using orvane::bench::SpawnAndWait;
 
 using Clock = std::chrono::steady_clock;
 namespace paths = orvane::paths;
 
-constexpr const char* kOrvane = "/usr/bin/orvane";
-constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
-constexpr const char* kTrueProgram = "/bin/true";
 constexpr const char* kCommandLine = "bench true";
 
 void WriteFile(const std::string& path, const std::string& content) {
