@@ -40,6 +40,7 @@
 #include "CppTools/AutoCli/CommandOutput.h"
 #include "CppTools/AutoCli/Dispatcher.h"
 #include "CppTools/AutoCli/OptionParser.h"
+#include "TemporaryDirectory.h"
 #include "orvaner/cli/QorcliExecutor.h"
 #include "process/Spawner.h"
 
@@ -51,26 +52,12 @@ constexpr const char* kCommandLine = "bench true";
 constexpr const char* kTrueProgram = "/bin/true";
 
 /// A scratch directory holding the one command definition the steps use.
-class DefinitionDirectory {
+class DefinitionDirectory : public unit_testing::TemporaryDirectory {
  public:
   DefinitionDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "orvane-steps.XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-    std::ofstream(path_ / "bench.json")
-        << R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})" << '\n';
+    Write("bench.json", R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
+                        "\n");
   }
-  ~DefinitionDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  DefinitionDirectory(const DefinitionDirectory&) = delete;
-  DefinitionDirectory& operator=(const DefinitionDirectory&) = delete;
-
-  const std::filesystem::path& Path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
 };
 
 /// A dispatcher over the scratch definitions. Without @p runPrograms, a

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ChildStreams.h"
 #include "VforkSpawn.h"
 #include "ZelkKernel/Spawn.h"
 #include "ZelkKernel/SpawnSettings.h"
@@ -27,8 +28,9 @@ extern char** environ;
 namespace process {
 namespace {
 
-constexpr const char* kNullDevice = "/dev/null";
-constexpr mode_t kCreatedOutputMode = 0644;
+using detail::kCreatedOutputMode;
+using detail::kNullDevice;
+using detail::PlaceStream;
 constexpr int kChildFailureStatus = 1;
 constexpr std::array<int, 3> kStandardDescriptors = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 // Take the terminal even if another session has it.
@@ -80,25 +82,6 @@ int Prepare(SpawnSettings& settings, const Program& program) {
     return error;
   }
   return program.defaultSignals ? DefaultSignals(settings.Attributes()) : 0;
-}
-
-// Puts @p stream on @p target in a forked child; false when it cannot.
-bool PlaceStream(const Stream& stream, int target) {
-  int source = -1;
-  switch (stream.kind) {
-    case Stream::Kind::Inherited: return true;
-    case Stream::Kind::Null:
-      source = target == STDIN_FILENO
-                   ? ::open(kNullDevice, O_RDWR)
-                   : ::open(kNullDevice, O_WRONLY | O_CREAT | O_APPEND, kCreatedOutputMode);
-      break;
-    case Stream::Kind::Descriptor: source = stream.descriptor; break;
-  }
-  if (source < 0) return false;
-  if (source == target) return true;
-  const bool placed = ::dup2(source, target) == target;
-  if (stream.kind == Stream::Kind::Null) ::close(source);
-  return placed;
 }
 
 void ResetSignalsInChild() {

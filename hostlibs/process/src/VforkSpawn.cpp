@@ -13,13 +13,9 @@
 // its children reset only the signals found not at their default.
 #include "VforkSpawn.h"
 
-#include <fcntl.h>
-#include <linux/close_range.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +23,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+
+#include "ChildStreams.h"
+#include "process/Wait.h"
 
 namespace process::detail {
 namespace {
@@ -43,12 +42,9 @@ constexpr bool kSanitizerBuild = false;
 constexpr bool kSanitizerBuild = false;
 #endif
 
-constexpr const char* kNullDevice = "/dev/null";
-constexpr mode_t kCreatedOutputMode = 0644;
 // What a child that could not execute its program exits with, as
 // posix_spawn's does; the parent reaps it and reports the error instead.
 constexpr int kSpawnFailureStatus = 127;
-constexpr int kFirstInheritedDescriptor = STDERR_FILENO + 1;
 // The child's own frames and the kernel's signal frame, never the
 // program's arguments (the child passes them on without copying).
 constexpr std::size_t kChildStackSize = std::size_t{64} * 1024;
@@ -136,45 +132,6 @@ void ResetSignalActions(bool everySignal) {
   }
 }
 
-// The same placement as the file actions of posix_spawn: /dev/null opened
-// onto the stream (input read-write, output appended), or a descriptor
-// duplicated onto it; a descriptor already in place loses close-on-exec.
-bool PlaceStream(const Stream& stream, int target) {
-  switch (stream.kind) {
-    case Stream::Kind::Inherited: return true;
-    case Stream::Kind::Null: {
-      const int opened = target == STDIN_FILENO ? ::open(kNullDevice, O_RDWR)
-                                                : ::open(kNullDevice, O_WRONLY | O_CREAT | O_APPEND,
-                                                         kCreatedOutputMode);
-      if (opened < 0) return false;
-      if (opened == target) return true;
-      const bool placed = ::dup2(opened, target) == target;
-      ::close(opened);
-      return placed;
-    }
-    case Stream::Kind::Descriptor: {
-      if (stream.descriptor != target) return ::dup2(stream.descriptor, target) == target;
-      const int flags = ::fcntl(target, F_GETFD);
-      return flags >= 0 && ::fcntl(target, F_SETFD, flags & ~FD_CLOEXEC) == 0;
-    }
-  }
-  errno = EINVAL;
-  return false;
-}
-
-// close_range in one call; kernels older than 5.9 get a loop up to the
-// descriptor limit.
-bool CloseInheritedDescriptors() {
-  if (::syscall(SYS_close_range, kFirstInheritedDescriptor, ~0U, 0) == 0) return true;
-  if (errno != ENOSYS) return false;
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-  for (rlim_t descriptor = kFirstInheritedDescriptor; descriptor < limit.rlim_cur; ++descriptor) {
-    ::close(static_cast<int>(descriptor));
-  }
-  return true;
-}
-
 int RunChild(void* argument) {
   auto& request = *static_cast<ChildRequest*>(argument);
   const Program& program = *request.program;
@@ -187,10 +144,7 @@ int RunChild(void* argument) {
       ::_exit(kSpawnFailureStatus);
     }
   }
-  if (!CloseInheritedDescriptors()) {
-    request.error = errno;
-    ::_exit(kSpawnFailureStatus);
-  }
+  CloseInheritedDescriptors();
   sigset_t programMask;
   if (program.defaultSignals) {
     sigemptyset(&programMask);

@@ -21,27 +21,21 @@ void LoadedPlugins::Keep(std::unique_ptr<Plugin> plugin) { owned_.push_back(std:
 void LoadedPlugins::Append(LoadedPlugins&& other) {
   // Handing a whole enumeration over to an empty list (as a run does) takes
   // its containers as they are, without a second copy of every entry.
-  if (list_.empty()) {
+  if (list_.empty() && loadLog_.empty() && owned_.empty()) {
     list_.swap(other.list_);
-  } else {
-    list_.insert(list_.end(), other.list_.begin(), other.list_.end());
-  }
-  if (loadLog_.empty()) {
     loadLog_.swap(other.loadLog_);
-  } else {
-    loadLog_.insert(loadLog_.end(), std::make_move_iterator(other.loadLog_.begin()),
-                    std::make_move_iterator(other.loadLog_.end()));
+    owned_.swap(other.owned_);
+    return;
   }
+  list_.insert(list_.end(), other.list_.begin(), other.list_.end());
+  loadLog_.insert(loadLog_.end(), std::make_move_iterator(other.loadLog_.begin()),
+                  std::make_move_iterator(other.loadLog_.end()));
   Keep(std::move(other));
 }
 
 void LoadedPlugins::Keep(LoadedPlugins&& other) {
-  if (owned_.empty()) {
-    owned_.swap(other.owned_);
-  } else {
-    for (std::unique_ptr<Plugin>& plugin : other.owned_) {
-      owned_.push_back(std::move(plugin));
-    }
+  for (std::unique_ptr<Plugin>& plugin : other.owned_) {
+    owned_.push_back(std::move(plugin));
   }
   other.owned_.clear();
   other.list_.clear();

@@ -1,7 +1,6 @@
 #include "orvaner/run/PluginEnumeration.h"
 
 #include <algorithm>
-#include <boost/regex.hpp>
 #include <exception>
 #include <filesystem>
 #include <iterator>
@@ -24,11 +23,18 @@ constexpr const char* kLibraryPrefix = "lib";
 constexpr const char* kDebugExtension = "debug";
 constexpr const char* kNativeExtension = "so";
 constexpr const char* kJSONExtension = "json";
-constexpr const char* kRunOnceKeyRejects = "[^-a-zA-Z0-9._+]";
 
 std::unique_ptr<Plugin> MakeDebugPlugin(const DebugEntry& entry, BarrierRegistry& registry) {
   return std::make_unique<DebugPlugin>(entry.name, entry.requiredBarriers, entry.providedBarriers,
                                        entry.command, registry);
+}
+
+// What a cleaned run-once key keeps: ASCII letters and digits, "-", ".",
+// "_" and "+".
+bool IsRunOnceKeyCharacter(char character) {
+  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+         (character >= '0' && character <= '9') || character == '-' || character == '.' ||
+         character == '_' || character == '+';
 }
 
 // "libfoo" and "foo" name the same plugin; only the exact lower-case prefix
@@ -239,18 +245,9 @@ void LoadPlugin(const std::string& fileName, LoadedPlugins& plugins, const Plugi
 }
 
 std::string CleanRunOnceKey(const std::string& key) {
-  // Most keys are clean already: they are returned as they are, without
-  // running the pattern.
-  const bool clean = std::all_of(key.begin(), key.end(), [](char character) {
-    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-           (character >= '0' && character <= '9') || character == '-' || character == '.' ||
-           character == '_' || character == '+';
-  });
-  if (clean) {
-    return key;
-  }
-  static const boost::regex rejects(kRunOnceKeyRejects);
-  return boost::regex_replace(key, rejects, "");
+  std::string cleaned = key;
+  std::erase_if(cleaned, [](char character) { return !IsRunOnceKeyCharacter(character); });
+  return cleaned;
 }
 
 }  // namespace orvane
