@@ -303,6 +303,20 @@ TEST_F(NativePluginTest, TruncatedObjectIsRefusedBeforeTheLoaderMapsIt) {
   EXPECT_FALSE(IsLoaded(path));
 }
 
+// Cut inside its program header table, the object still shows the entries
+// before the cut, and the first of them is a loadable segment that the file
+// no longer holds.
+TEST_F(NativePluginTest, ObjectCutInsideItsSegmentTableIsRefusedForTheSegmentsItHolds) {
+  constexpr std::size_t kCut = 64 + 56 + 20;  // ELF header, one entry, part of the next
+  temporary_.Write("cut.so", ShortenedPlugin(kCut));
+  const std::string path = temporary_ / "cut.so";
+  EXPECT_THAT(LoadFailure<InvalidPluginException>("cut", path),
+              MatchesRegex("plugin `" + path + "' is invalid: " + path +
+                           ": file truncated: a loadable segment ends at byte [0-9]+ of a file of "
+                           "140 bytes"));
+  EXPECT_FALSE(IsLoaded(path));
+}
+
 // The loader opens what it is given with a plain open, which waits for a
 // FIFO's writer for ever.
 TEST_F(NativePluginTest, FifoIsRefusedBeforeTheLoaderOpensIt) {

@@ -1,22 +1,17 @@
 #include "orvaner/plugins/NativePlugin.h"
 
-#include <elf.h>
-#include <errno.h>
 #include <unistd.h>
 
-#include <bit>
 #include <cstdint>
-#include <cstring>
-#include <limits>
 #include <string>
 #include <utility>
 
 #include "ZelkuserCompat/Spawn.h"
-#include "hostfile/HostFile.h"
 #include "orvane/plugin.h"
 #include "orvaner/Exception.h"
 #include "orvaner/graph/BarrierRegistry.h"
 #include "orvaner/graph/Node.h"
+#include "orvaner/plugins/SharedObjectCheck.h"
 #include "process/SharedObject.h"
 #include "process/Spawner.h"
 
@@ -32,67 +27,10 @@ constexpr const char* kApplyHostProfileMethod = "apply_host_profile";
 /// The first API version whose metadata carries flags, run-once and version.
 constexpr std::uint32_t kExtendedMetadataVersion = 3;
 constexpr std::size_t kStatusTextSize = 512;
-constexpr unsigned char kNativeByteOrder =
-    std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
 
 std::string StatusText(ZelkuserStatus status) {
   char text[kStatusTextSize];
   return ZelkuserStatus_CodeToString(status, text, sizeof text);
-}
-
-// Reads exactly @p length bytes at @p offset; false for anything less.
-bool ReadAt(int descriptor, void* bytes, std::size_t length, std::uint64_t offset) {
-  if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return false;
-  ssize_t count;
-  do {
-    count = ::pread(descriptor, bytes, length, static_cast<off_t>(offset));
-  } while (count < 0 && errno == EINTR);
-  return count == static_cast<ssize_t>(length);
-}
-
-// The loader maps an object's segments straight from the file. When a
-// loadable segment reaches past the end of a cut-off file, touching its
-// missing pages raises SIGBUS in this process instead of a loader error, so
-// such an object is refused before it is opened. Anything this cannot read
-// as a 64-bit ELF object of this machine's byte order is left to the loader,
-// which says what is wrong with it.
-std::string TruncationReason(int descriptor, std::uint64_t fileSize,
-                             const std::string& libraryPath) {
-  Elf64_Ehdr header{};
-  if (!ReadAt(descriptor, &header, sizeof header, 0) ||
-      std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
-      header.e_ident[EI_DATA] != kNativeByteOrder || header.e_phentsize != sizeof(Elf64_Phdr)) {
-    return "";
-  }
-  for (std::uint16_t index = 0; index < header.e_phnum; ++index) {
-    Elf64_Phdr segment{};
-    if (!ReadAt(descriptor, &segment, sizeof segment,
-                header.e_phoff + std::uint64_t{index} * sizeof segment)) {
-      return "";
-    }
-    const std::uint64_t segmentEnd = segment.p_offset + segment.p_filesz;
-    if (segment.p_type == PT_LOAD && (segmentEnd < segment.p_offset || segmentEnd > fileSize)) {
-      return libraryPath + ": file truncated: a loadable segment ends at byte " +
-             std::to_string(segmentEnd) + " of a file of " + std::to_string(fileSize) + " bytes";
-    }
-  }
-  return "";
-}
-
-// What makes the object at @p libraryPath unfit to be opened at all, or "".
-// Only a regular file is handed to the loader: opening a FIFO would wait
-// for a writer for ever. A file that cannot be opened is left to the
-// loader, whose reason names the cause as it always has.
-std::string UnfitReason(const std::string& libraryPath) {
-  hostfile::FileContent failure;
-  off_t size = 0;
-  const int descriptor = hostfile::OpenRegularFile(libraryPath, failure, &size);
-  if (descriptor < 0) {
-    return failure.status == hostfile::ReadStatus::NotRegular ? failure.Problem() : "";
-  }
-  std::string reason = TruncationReason(descriptor, static_cast<std::uint64_t>(size), libraryPath);
-  ::close(descriptor);
-  return reason;
 }
 
 void* OpenLibrary(const std::string& libraryPath) {
