@@ -23,6 +23,9 @@ namespace {
 constexpr int kUsageError = 2;
 // Like env(1) and timeout(1): the front end itself failed, not the program.
 constexpr int kHarnessError = 125;
+// No sandbox can be made on this machine (not root, say): the test that
+// asked for one is skipped, not failed (ctest's SKIP_RETURN_CODE).
+constexpr int kSandboxUnavailable = 77;
 
 constexpr std::string_view kUsage =
     "usage: sandbox-run [--stage DIR] [--file HOSTFILE:SANDBOXPATH]... [--keep-output "
@@ -33,7 +36,8 @@ constexpr std::string_view kUsage =
     "Runs PROGRAM (a path inside the sandbox) in a throw-away copy of this machine with the\n"
     "staged installation laid over it, prints its standard output and error, then the kernel\n"
     "log (/dev/kmsg), the console (/dev/console) and the syslog messages (/dev/log) it wrote.\n"
-    "Exits with the program's exit code, or 128 + the signal that killed it.\n"
+    "Exits with the program's exit code, or 128 + the signal that killed it; 77 when no\n"
+    "sandbox can be made on this machine, 125 when making or running it failed.\n"
     "\n"
     "  --stage DIR                  staging tree to install (default: the build's stage)\n"
     "  --file HOSTFILE:SANDBOXPATH  copy a file into the sandbox first, keeping its mode\n"
@@ -213,6 +217,10 @@ int main(int argc, char** argv) {
   // on to clean the sandbox up.
   std::signal(SIGINT, SIG_IGN);
   std::signal(SIGQUIT, SIG_IGN);
+  if (const std::string reason = orvane::testing::Sandbox::Unavailable(); !reason.empty()) {
+    std::cerr << "sandbox-run: no sandbox on this machine: " << reason << '\n';
+    return kSandboxUnavailable;
+  }
   try {
     return RunInSandbox(options);
   } catch (const std::exception& error) {
