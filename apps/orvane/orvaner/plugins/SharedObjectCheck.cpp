@@ -3,6 +3,7 @@
 #include <elf.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
@@ -40,8 +41,10 @@ std::string TruncationReason(int descriptor, std::uint64_t fileSize,
   }
   // The whole table in one read (a plugin has about ten entries); the
   // entries that a cut-off file still holds are checked, the rest is left
-  // to the loader.
-  std::vector<Elf64_Phdr> segments(header.e_phnum);
+  // to the loader. No room is made for more entries than the file can hold.
+  const std::uint64_t room =
+      header.e_phoff < fileSize ? (fileSize - header.e_phoff) / sizeof(Elf64_Phdr) : 0;
+  std::vector<Elf64_Phdr> segments(std::min<std::uint64_t>(header.e_phnum, room));
   const ssize_t count =
       ReadAt(descriptor, segments.data(), segments.size() * sizeof(Elf64_Phdr), header.e_phoff);
   const std::size_t whole = count > 0 ? static_cast<std::size_t>(count) / sizeof(Elf64_Phdr) : 0;
