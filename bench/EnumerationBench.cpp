@@ -78,6 +78,7 @@
 #include <thread>
 #include <vector>
 
+#include "SpawnTiming.h"
 #include "hostfile/HostFile.h"
 #include "orvaner/RunOptions.h"
 #include "orvaner/SystemAlert.h"
@@ -88,6 +89,9 @@
 
 namespace orvane {
 namespace {
+
+using orvane::bench::LoadAverage;
+using orvane::bench::Median;
 
 constexpr std::size_t kMaxFileSize = std::size_t{16} * 1024 * 1024;
 
@@ -250,12 +254,6 @@ Outcome Spawn(std::vector<std::string> arguments) {
   return outcome;
 }
 
-/// The median of @p values.
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 /// The figures of one kind of process over all rounds.
 struct Series {
   std::vector<double> seconds;
@@ -271,13 +269,6 @@ struct Series {
     if (at != std::string::npos) inProcess.push_back(std::stod(report.substr(at + 11)));
   }
 };
-
-std::string LoadAverage() {
-  std::ifstream loadavg("/proc/loadavg");
-  std::string one, five, fifteen;
-  loadavg >> one >> five >> fifteen;
-  return one + " " + five + " " + fifteen;
-}
 
 std::size_t Argument(int argc, char* argv[], int index, std::size_t fallback) {
   return argc > index ? std::stoul(argv[index]) : fallback;

@@ -1,6 +1,6 @@
-// What the sandboxed benchmarks (a boot, daemon mode) share: the programs
-// they run, starting a program as a baseline does, and the median time of a
-// few runs.
+// What the benchmarks share: the programs the sandboxed ones run, starting
+// a program as a baseline does, one run of orvane, writing the files they
+// lay out, medians, and the machine's load to print beside the figures.
 #pragma once
 
 #include <fcntl.h>
@@ -12,15 +12,20 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "orvane/FixedPaths.h"
 
 namespace orvane::bench {
 
 /// The orvane the sandbox installed, the no-op program the benchmarks'
-/// commands run, and the command definition their scripts lay down for it
-/// ({"path": ["bench", "true"], "exec": ["/bin/true"]}).
+/// commands run, and the command definition for it ("bench true") that
+/// WriteDefinitionFile lays down.
 inline constexpr const char* kOrvane = "/usr/bin/orvane";
 inline constexpr const char* kTrueProgram = "/bin/true";
 inline constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
@@ -50,6 +55,39 @@ inline void SpawnAndWait(std::vector<std::string> arguments) {
   }
 }
 
+/// One run of the installed orvane. The executor's socket file outlives its
+/// executor (one executor per boot: the host's /var/run starts empty), so
+/// each run begins as a boot does, without it.
+inline void RunOrvane(const std::vector<std::string>& arguments) {
+  unlink(paths::kExecutorSocket);
+  SpawnAndWait(arguments);
+}
+
+/// Writes @p content as the whole file at @p path; a file that cannot be
+/// written ends the benchmark.
+inline void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::trunc);
+  out << content;
+  if (!out.flush()) {
+    std::fprintf(stderr, "cannot write %s\n", path.c_str());
+    std::exit(1);
+  }
+}
+
+/// Lays down the bench command definition at kDefinitionFile.
+inline void WriteDefinitionFile() {
+  std::filesystem::create_directories(std::filesystem::path(kDefinitionFile).parent_path());
+  WriteFile(kDefinitionFile, R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
+                             "\n");
+}
+
+/// The median of @p values (the mean of the middle two for an even count).
+inline double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const std::size_t middle = values.size() / 2;
+  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
 /// Median wall time in milliseconds of @p rounds runs, after one warm-up.
 inline double MedianMilliseconds(int rounds, const std::function<void()>& run) {
   run();
@@ -61,8 +99,15 @@ inline double MedianMilliseconds(int rounds, const std::function<void()>& run) {
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
             .count());
   }
-  std::sort(milliseconds.begin(), milliseconds.end());
-  return milliseconds[milliseconds.size() / 2];
+  return Median(std::move(milliseconds));
+}
+
+/// The load averages over 1, 5 and 15 minutes, as /proc/loadavg gives them.
+inline std::string LoadAverage() {
+  std::ifstream loadavg("/proc/loadavg");
+  std::string one, five, fifteen;
+  loadavg >> one >> five >> fifteen;
+  return one + " " + five + " " + fifteen;
 }
 
 }  // namespace orvane::bench

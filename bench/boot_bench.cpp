@@ -44,11 +44,14 @@ extern char** environ;
 
 namespace {
 
-using orvane::bench::kDefinitionFile;
 using orvane::bench::kOrvane;
 using orvane::bench::kTrueProgram;
+using orvane::bench::LoadAverage;
 using orvane::bench::MedianMilliseconds;
+using orvane::bench::RunOrvane;
 using orvane::bench::SpawnAndWait;
+using orvane::bench::WriteDefinitionFile;
+using orvane::bench::WriteFile;
 
 using Clock = std::chrono::steady_clock;
 namespace paths = orvane::paths;
@@ -69,15 +72,6 @@ std::string Numbered(const char* prefix, int index) {
   return name;
 }
 
-void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::trunc);
-  out << content;
-  if (!out.flush()) {
-    std::fprintf(stderr, "cannot write %s\n", path.c_str());
-    std::exit(1);
-  }
-}
-
 // Plugin i is JSON, debug or native by i % 3; none requires or provides a
 // barrier, so the whole set is one level of independent plugins.
 std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
@@ -85,9 +79,7 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
   fs::remove_all(paths::kPluginDirectory);
   fs::create_directories(paths::kPluginDirectory);
   fs::create_directories(fs::path(paths::kDebugConfiguration).parent_path());
-  fs::create_directories(fs::path(kDefinitionFile).parent_path());
-  WriteFile(kDefinitionFile, R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
-                             "\n");
+  WriteDefinitionFile();
   std::vector<Work> work;
   std::string debugConfiguration;
   for (int index = 0; index < plugins; ++index) {
@@ -118,14 +110,6 @@ std::vector<Work> LayOut(int plugins, const std::string& nativeLibrary) {
   }
   WriteFile(paths::kDebugConfiguration, debugConfiguration);
   return work;
-}
-
-// One run of orvane. The executor's socket file outlives its executor (one
-// executor per boot: the host's /var/run starts empty), so each run begins
-// as a boot does, without it.
-void RunOrvane(const std::vector<std::string>& arguments) {
-  unlink(paths::kExecutorSocket);
-  SpawnAndWait(arguments);
 }
 
 // Every item started on `threads` threads, each taking the next one; the
@@ -193,13 +177,6 @@ double Quantile(std::vector<double> values, double fraction) {
   const auto rank =
       static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
   return values[rank];
-}
-
-std::string LoadAverage() {
-  std::ifstream loadavg("/proc/loadavg");
-  std::string one, five, fifteen;
-  loadavg >> one >> five >> fifteen;
-  return one + " " + five + " " + fifteen;
 }
 
 // What the run record costs a boot: the same runs with and without it, in

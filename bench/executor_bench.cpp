@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "SpawnTiming.h"
 #include "orvaner/Logging.h"
 #include "orvaner/cli/QorcliExecutor.h"
 
@@ -32,11 +33,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Laid down by scripts/bench-executor: {"path": ["bench", "true"], "exec": ["/bin/true"]}.
-constexpr const char* kDefinitionFile = "/usr/lib/talvek/qorcli/bench.json";
+using orvane::bench::kDefinitionFile;  // laid down by scripts/bench-executor
+using orvane::bench::kTrueProgram;
 constexpr const char* kTrueCommand = "bench true";
 constexpr const char* kUnparsableCommand = "bench 'unterminated";
-constexpr const char* kTrueProgram = "/bin/true";
 constexpr int kWarmUpRuns = 50;
 
 /// Per-call durations in microseconds.

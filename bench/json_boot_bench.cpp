@@ -104,24 +104,19 @@
 
 namespace {
 
-using orvane::bench::kDefinitionFile;
 using orvane::bench::kOrvane;
 using orvane::bench::kTrueProgram;
+using orvane::bench::LoadAverage;
+using orvane::bench::Median;
+using orvane::bench::RunOrvane;
 using orvane::bench::SpawnAndWait;
+using orvane::bench::WriteDefinitionFile;
+using orvane::bench::WriteFile;
 
 using Clock = std::chrono::steady_clock;
 namespace paths = orvane::paths;
 
 constexpr const char* kCommandLine = "bench true";
-
-void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::trunc);
-  out << content;
-  if (!out.flush()) {
-    std::fprintf(stderr, "cannot write %s\n", path.c_str());
-    std::exit(1);
-  }
-}
 
 std::string PluginPath(int index) {
   char name[32];
@@ -147,17 +142,7 @@ void PrepareHost() {
   fs::remove_all(paths::kPluginDirectory);
   fs::create_directories(paths::kPluginDirectory);
   fs::remove(paths::kDebugConfiguration);
-  fs::create_directories(fs::path(kDefinitionFile).parent_path());
-  WriteFile(kDefinitionFile, R"({"commands": [{"path": ["bench", "true"], "exec": ["/bin/true"]}]})"
-                             "\n");
-}
-
-// One run of orvane. The executor's socket file outlives its executor (one
-// executor per boot: the host's /var/run starts empty), so each run begins
-// as a boot does, without it.
-void RunOrvane(const std::vector<std::string>& arguments) {
-  unlink(paths::kExecutorSocket);
-  SpawnAndWait(arguments);
+  WriteDefinitionFile();
 }
 
 double Milliseconds(const std::function<void()>& run) {
@@ -165,23 +150,6 @@ double Milliseconds(const std::function<void()>& run) {
   run();
   return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-std::string LoadAverage() {
-  std::ifstream loadavg("/proc/loadavg");
-  std::string one, five, fifteen;
-  loadavg >> one >> five >> fifteen;
-  return one + " " + five + " " + fifteen;
-}
-
-enum Run { kSerial, kParallel, kDirect, kEmpty, kOtherSerial, kOtherParallel, kOtherEmpty, kRuns };
-
-}  // namespace
 
 // Keeps this process, and so everything it starts, on the first processor
 // it may use; false when it cannot.
@@ -199,6 +167,10 @@ bool KeepToOneProcessor() {
   }
   return false;
 }
+
+enum Run { kSerial, kParallel, kDirect, kEmpty, kOtherSerial, kOtherParallel, kOtherEmpty, kRuns };
+
+}  // namespace
 
 int main(int argc, char* argv[]) {
   if (argc > 1 && std::string(argv[1]) == "--one-processor") {
