@@ -158,11 +158,8 @@ int OpenRegularFile(const std::string& path, FileContent& failure, off_t* size) 
 }
 
 FileContent ReadHostFile(const std::string& path, std::size_t maxSize) {
-  FileContent failure;
-  struct stat status {};
-  const int descriptor = OpenRegular(path, failure, status);
-  if (descriptor < 0) return failure;
-  return ReadOpenFile(descriptor, status.st_size, maxSize);
+  FileStamp unused;
+  return ReadHostFile(path, maxSize, unused);
 }
 
 FileContent ReadHostFile(const std::string& path, std::size_t maxSize, FileStamp& stamp) {
